@@ -1,0 +1,124 @@
+/*
+ * A test double for the system-call seam: sockets that exist only in memory.
+ *
+ * Tests queue frames (with or without the packet-information control message),
+ * netlink datagrams and command connections, read what the daemon sent, make
+ * any call fail, and move the clock.  Nothing here touches a real descriptor.
+ */
+#ifndef DHCPSNOOP_FAKE_SYS_H
+#define DHCPSNOOP_FAKE_SYS_H
+
+#include <sys/select.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "dhcpsnoop_sys.h"
+
+enum class FakeKind { Data4, Data6, Cmd, Netlink, Udp, Conn, Other };
+
+struct FakeSock {
+    int fd = -1;
+    FakeKind kind = FakeKind::Other;
+    int domain = 0, type = 0, protocol = 0;
+    std::map<std::pair<int, int>, int> options; /* (level, name) -> int value */
+    std::vector<int> groups;                    /* netlink groups joined */
+    bool bound = false, listening = false, nonblocking = false, closed = false;
+    int backlog = 0;
+    std::string boundPath;
+    socklen_t bindLen = 0;
+};
+
+/* One frame for a data socket. */
+struct FakeFrame {
+    std::vector<uint8_t> bytes;
+    bool withInfo = true;      /* attach the packet-information message */
+    uint32_t ingress = 0;      /* payload offset 0 */
+    uint16_t outerVid = 0;     /* payload offset 20 */
+    uint16_t innerVid = 0;     /* payload offset 22 */
+    uint8_t l2HdrLen = 14;     /* payload offset 24 */
+    int sllIfindex = 0;        /* the link-layer source address's interface */
+    std::optional<std::vector<uint8_t>> rawControl; /* control bytes as given */
+    ssize_t result = -2;       /* force recvmsg's result (-2: the frame's length) */
+};
+
+struct FakeConn {
+    std::vector<uint8_t> input;  /* what the client sends */
+    size_t readPos = 0;
+    std::vector<uint8_t> output; /* what the daemon answered */
+    bool closed = false;
+};
+
+struct FakeSent {
+    int fd;
+    FakeKind kind;
+    std::vector<uint8_t> bytes;
+    std::vector<uint8_t> addr;    /* the destination address record */
+    std::vector<uint8_t> control; /* sendmsg's control bytes */
+};
+
+class FakeSys {
+public:
+    static FakeSys &get();
+    void install();
+    void uninstall();
+    void reset();
+
+    /* Make the nth call (1-based; 0 = every call) of `fn` whose argument
+     * matches `arg` (-1 = any) fail with errno `err`.  The argument is the
+     * domain for socket, the option name for setsockopt (the group number for
+     * netlink memberships), the kind for the socket calls' descriptor. */
+    void failCall(const std::string &fn, int nth = 1, long arg = -1, int err = EIO);
+
+    int fdOf(FakeKind kind) const; /* the newest open socket of that kind */
+    size_t openCount() const;      /* sockets not yet closed */
+    FakeSock *sock(int fd);
+
+    /* --- inputs --- */
+    std::deque<FakeFrame> frames4, frames6;
+    std::deque<std::vector<uint8_t>> netlink;
+    std::deque<FakeConn> pendingConns;
+    std::optional<int> selectResult; /* force select's result */
+    bool selectAdvancesClock = true; /* a select with nothing ready waits out its time-out */
+    time_t now = 1000000;
+
+    /* --- observations --- */
+    std::vector<std::string> calls; /* "recvmsg:data4", "accept:cmd", ... in order */
+    std::vector<int> closedFds;
+    std::vector<std::string> unlinked;
+    std::vector<FakeSent> sent;
+    std::map<int, FakeConn> conns;
+    std::vector<FakeConn> finishedConns;
+    fd_set lastReadSet;
+    int lastNfds = 0;
+    long lastTimeout = -1;
+    int selectCalls = 0;
+    size_t liveAllocations() const { return live.size(); }
+    size_t allocations = 0;
+
+    /* --- the seam's functions --- */
+    int fail(const char *fn, long arg);
+    std::map<int, FakeSock> socks;
+    int nextFd = 3;
+    std::set<void *> live;
+
+private:
+    struct Fail {
+        std::string fn;
+        int nth;
+        long arg;
+        int err;
+        int seen;
+    };
+    std::vector<Fail> fails;
+};
+
+const char *fake_kind_name(FakeKind k);
+
+#endif
