@@ -29,3 +29,15 @@ uint8_t dhcpsnoop_running_role_get(void)
     }
     return role;
 }
+
+/* ---- sync records: arrive with redundancy; until then nothing is sent or
+ * applied ---- */
+#include "dhcpsnoop_user.h"
+
+void dhcpsnoop_sync_pkt_send(uint8_t *, uint32_t, uint32_t) {}
+uint32_t dhcpsnoop_sync_user_pkt_build(const DhcpsnoopUser *, uint32_t, uint8_t *) { return 0; }
+uint32_t dhcpsnoop_sync_server_pkt_build(const DhcpsnoopServer *, uint32_t, uint8_t *) { return 0; }
+void dhcpsnoop_sync_user_send(const DhcpsnoopUser *, uint32_t) {}
+void dhcpsnoop_sync_server_send(const DhcpsnoopServer *, uint32_t) {}
+void dhcpsnoop_sync_all_send(uint32_t, uint32_t) {}
+void dhcpsnoop_sync_pkt_recv(const QorTextPair *) {}

@@ -145,3 +145,20 @@ void dhcpsnoop_mac_user_delete(DhcpsnoopMacUser *entry)
     if (entry)
         free_user_node(&entry->link);
 }
+
+/* ---- waiting for binding propagation ---------------------------------------- */
+/* Binding on server replies, hardware rules and user events arrive with the
+ * DHCPv4 engine; until then nothing is bound or installed. */
+
+#include "dhcpsnoop_user.h"
+
+DhcpsnoopUser *dhcpsnoop_user_update(DhcpsnoopPktInfo *, DhcpsnoopOptBuf *, DhcpsnoopOptBuf *)
+{
+    return nullptr;
+}
+
+int dhcpsnoop_user_get(const DhcpsnoopUserQuery *) { return -1; }
+void dhcpsnoop_user_notifier(DhcpsnoopUser *, uint32_t) {}
+int dhcpsnoop_user_state_notify(DhcpsnoopUser *, uint32_t, uint8_t *, uint32_t) { return -1; }
+void dhcpsnoop_user_update_hw(DhcpsnoopUser *, uint32_t) {}
+void dhcpsnoop_user_process_on_trunk(uint32_t, uint32_t, uint32_t) {}

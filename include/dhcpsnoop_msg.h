@@ -1,0 +1,58 @@
+/*
+ * DHCPv4 and DHCPv6 frame handling: parser, checksums, option 82 and boot
+ * options, option text templates, the client and server paths and senders.
+ *
+ * Every pointer of a DhcpsnoopPktInfo points into the frame buffer of the
+ * DhcpsnoopRxPkt it was parsed from: DHCPSNOOP_FRAME_MAX bytes starting at
+ * info->frame.  Nothing reads or writes outside that buffer.
+ */
+#ifndef DHCPSNOOP_MSG_H
+#define DHCPSNOOP_MSG_H
+
+#include "dhcpsnoop.h"
+
+/* ---- parser (msg/) ---- */
+int dhcpsnoop_packet_parse(DhcpsnoopRxPkt *rxpkt, DhcpsnoopPktInfo *info, uint32_t fullParse);
+
+/* ---- checksums (msg/) ---- */
+uint16_t checkdhcpsnoopsum(const uint8_t *buf, int32_t len);
+uint16_t dhcpsnoop_get_udp_checksum(const uint8_t *ipHeader, uint8_t *udpHeader);
+uint16_t dhcpsnoop_update_checksum(DhcpsnoopPktInfo *info, uint32_t delta, uint32_t grow);
+
+/* ---- option 82 and boot options (msg/) ---- */
+uint32_t dhcpsnoop_build_subopt_circid(DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t room);
+uint32_t dhcpsnoop_build_subopt_remoteid(DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t room);
+uint32_t dhcpsnoop_build_subopt9(uint8_t *buffer, const DhcpsnoopIf *ifp, uint32_t withHeader);
+int dhcpsnoop_append_subopt9(DhcpsnoopPktInfo *info);
+uint32_t dhcpsnoop_construct_opt82(DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t room);
+int dhcpsnoop_insert_opt82(DhcpsnoopPktInfo *info, const uint8_t *option, uint32_t length);
+int dhcpsnoop_process_option82(DhcpsnoopPktInfo *info);
+int dhcpsnoop_remote_id_cmp(const uint8_t *subOption, const DhcpsnoopIf *ifp, uint32_t mode);
+void dhcpsnoop_strip_option(DhcpsnoopPktInfo *info);
+void dhcpsnoop_insert_opt67(DhcpsnoopPktInfo *info, const uint8_t *data, uint32_t length);
+void dhcpsnoop_insert_opt125(DhcpsnoopPktInfo *info, const uint8_t *data, uint32_t length);
+
+/* ---- option text templates (format/) ---- */
+uint32_t dhcpsnoop_format_print(DhcpsnoopPktInfo *info, const uint8_t *tmpl, uint32_t tmplLen,
+                                uint8_t *out, uint32_t room);
+int dhcpsnoop_format_check(const uint8_t *tmpl, uint32_t len);
+int dhcpsnoop_delimiter_check(int c);
+
+/* ---- client path and senders towards servers (msg/) ---- */
+void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info);
+int dhcpsnoop_send_to_server(DhcpsnoopPktInfo *info);
+int dhcpsnoop_npt_send_to_server(DhcpsnoopPktInfo *info);
+void dhcpsnoop_udp_socket_send(DhcpsnoopPktInfo *info, uint32_t fromAddr, uint32_t toAddr);
+
+/* ---- server path and senders towards clients (msg/) ---- */
+void dhcpsnoop_server_packet_recv(DhcpsnoopPktInfo *info);
+void dhcpsnoop_send_to_client(DhcpsnoopPktInfo *info, DhcpsnoopIf *egress, uint32_t vid);
+void dhcpsnoop_broadcast_forwarding(DhcpsnoopPktInfo *info, uint32_t vid);
+void dhcpsnoop_npt_send_to_client(DhcpsnoopPktInfo *info, uint32_t vid);
+
+/* ---- DHCPv6 (msg6/) ---- */
+int dhcp6snoop_packet_parse(DhcpsnoopPktInfo *info, uint32_t fullParse);
+void dhcp6snoop_client_packet_recv(DhcpsnoopPktInfo *info);
+void dhcp6snoop_server_packet_recv(DhcpsnoopPktInfo *info);
+
+#endif
