@@ -11,6 +11,10 @@
 
 #include "dhcpsnoop.h"
 
+/* Hex dump of frame bytes on standard output: "%02x  " each, a "\n\r"
+ * before every sixteenth byte. */
+void dhcpsnoop_dump(const uint8_t *bytes, uint32_t len);
+
 /* ---- parser (msg/) ---- */
 int dhcpsnoop_packet_parse(DhcpsnoopRxPkt *rxpkt, DhcpsnoopPktInfo *info, uint32_t fullParse);
 
