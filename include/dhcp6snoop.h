@@ -24,6 +24,9 @@ constexpr uint32_t DHCP6_OPT_REMOTE_ID = 37;
 inline uint32_t dhcp6_be16(const uint8_t *p) { return uint32_t(p[0]) << 8 | p[1]; }
 
 uint32_t ipv6_addr_type(const uint8_t *addr);
+/* Record the top-level status, relay and IA options of the message again
+ * (after the parse, and after an edit moved them). */
+void dhcp6snoop_index_options(DhcpsnoopPktInfo *info);
 uint16_t dhcp6snoop_get_udp_checksum(DhcpsnoopPktInfo *info);
 /* The first option of `code` in an area of `len` bytes.  Option headers are
  * read up to three bytes past `len`; the caller's buffer must hold them. */

@@ -111,6 +111,48 @@ uint16_t dhcp6snoop_get_udp_checksum(DhcpsnoopPktInfo *info)
     return checkdhcpsnoopsum(work, int32_t(udpLen + 36));
 }
 
+void dhcp6snoop_index_options(DhcpsnoopPktInfo *info)
+{
+    info->statusCode = 0;
+    info->interfaceIdOpt = nullptr;
+    info->remoteIdOpt = nullptr;
+    info->iaCount = 0;
+    /* measured from the IPv6 payload length, not from the UDP length */
+    int64_t dhcpOff = int64_t(info->udpHdr - info->frame) + 8;
+    int64_t areaLen = int64_t(info->frameLen) - dhcpOff - 4;
+    if (areaLen <= 0)
+        return;
+    uint8_t *area = info->frame + dhcpOff + 4;
+    const uint8_t *end = dhcp6snoop_frame_end(info);
+    int64_t used = 0;
+    while (used < areaLen) {
+        uint8_t *opt = area + used;
+        if (opt + 4 > end)
+            break;
+        uint32_t code = dhcp6_be16(opt), len = dhcp6_be16(opt + 2);
+        switch (code) {
+        case DHCP6_OPT_STATUS_CODE:
+            if (len >= 2 && opt + 6 <= end)
+                info->statusCode = dhcp6_be16(opt + 4);
+            break;
+        case DHCP6_OPT_INTERFACE_ID:
+            info->interfaceIdOpt = opt;
+            break;
+        case DHCP6_OPT_REMOTE_ID:
+            info->remoteIdOpt = opt;
+            break;
+        case DHCP6_OPT_IA_NA:
+        case DHCP6_OPT_IA_TA:
+            if (info->iaCount < DHCPSNOOP_IA_MAX)
+                info->iaOpts[info->iaCount++] = opt;
+            break;
+        default:
+            break;
+        }
+        used += int64_t(len) + 4;
+    }
+}
+
 int dhcp6snoop_packet_parse(DhcpsnoopPktInfo *info, uint32_t fullParse)
 {
     uint8_t *frame = info->frame;
@@ -184,38 +226,6 @@ int dhcp6snoop_packet_parse(DhcpsnoopPktInfo *info, uint32_t fullParse)
     }
     info->dhcpLen = info->udpLen - 8;
 
-    /* measured from the IPv6 payload length, not from the UDP length */
-    int64_t areaLen = int64_t(info->frameLen) - int64_t(off + 8) - 4;
-    if (areaLen <= 0)
-        return 0;
-    uint8_t *area = info->dhcpMsg + 4;
-    const uint8_t *end = dhcp6snoop_frame_end(info);
-    int64_t used = 0;
-    while (used < areaLen) {
-        uint8_t *opt = area + used;
-        if (opt + 4 > end)
-            break;
-        uint32_t code = dhcp6_be16(opt), len = dhcp6_be16(opt + 2);
-        switch (code) {
-        case DHCP6_OPT_STATUS_CODE:
-            if (len >= 2 && opt + 6 <= end)
-                info->statusCode = dhcp6_be16(opt + 4);
-            break;
-        case DHCP6_OPT_INTERFACE_ID:
-            info->interfaceIdOpt = opt;
-            break;
-        case DHCP6_OPT_REMOTE_ID:
-            info->remoteIdOpt = opt;
-            break;
-        case DHCP6_OPT_IA_NA:
-        case DHCP6_OPT_IA_TA:
-            if (info->iaCount < DHCPSNOOP_IA_MAX)
-                info->iaOpts[info->iaCount++] = opt;
-            break;
-        default:
-            break;
-        }
-        used += int64_t(len) + 4;
-    }
+    dhcp6snoop_index_options(info);
     return 0;
 }

@@ -169,6 +169,8 @@ uint16_t dhcp6snoop_strip_opt(DhcpsnoopPktInfo *info, uint32_t code)
         info->frameLen = out;
         info->ipBodyLen -= removed;
         info->udpLen -= removed;
+        /* the options behind a removed one have moved */
+        dhcp6snoop_index_options(info);
     }
     write_lengths(info);
     return uint16_t(dhcp6_be16(info->udpHdr + 6));
