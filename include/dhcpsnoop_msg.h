@@ -5,6 +5,14 @@
  * Every pointer of a DhcpsnoopPktInfo points into the frame buffer of the
  * DhcpsnoopRxPkt it was parsed from: DHCPSNOOP_FRAME_MAX bytes starting at
  * info->frame.  Nothing reads or writes outside that buffer.
+ *
+ * After a good parse the IP and UDP headers and the fixed 240 bytes of the
+ * DHCP message lie inside the buffer, and every option pointer has its code
+ * and length byte inside it.  The lengths are the frame's own: in one case,
+ * an IP total length near 64K whose sum with the layer-2 length wraps in 16
+ * bits, udpLen and dhcpLen may claim more bytes than the buffer holds (while
+ * frameLen is small).  Code that walks a message by those lengths bounds
+ * itself by the buffer.
  */
 #ifndef DHCPSNOOP_MSG_H
 #define DHCPSNOOP_MSG_H
@@ -20,23 +28,32 @@ int dhcpsnoop_packet_parse(DhcpsnoopRxPkt *rxpkt, DhcpsnoopPktInfo *info, uint32
 
 /* ---- checksums (msg/) ---- */
 uint16_t checkdhcpsnoopsum(const uint8_t *buf, int32_t len);
+/* Reads max(8, L) bytes at udpHeader, L being its UDP length field (0 is
+ * returned without reading when L is above 2036), and clears its checksum
+ * field: pass a scratch copy of at least that size. */
 uint16_t dhcpsnoop_get_udp_checksum(const uint8_t *ipHeader, uint8_t *udpHeader);
 uint16_t dhcpsnoop_update_checksum(DhcpsnoopPktInfo *info, uint32_t delta, uint32_t grow);
 
 /* ---- option 82 and boot options (msg/) ---- */
 uint32_t dhcpsnoop_build_subopt_circid(DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t room);
 uint32_t dhcpsnoop_build_subopt_remoteid(DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t room);
+/* buffer: room for 137 bytes (code, length, vendor block with 128 bytes of text). */
 uint32_t dhcpsnoop_build_subopt9(uint8_t *buffer, const DhcpsnoopIf *ifp, uint32_t withHeader);
 int dhcpsnoop_append_subopt9(DhcpsnoopPktInfo *info);
 uint32_t dhcpsnoop_construct_opt82(DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t room);
 int dhcpsnoop_insert_opt82(DhcpsnoopPktInfo *info, const uint8_t *option, uint32_t length);
 int dhcpsnoop_process_option82(DhcpsnoopPktInfo *info);
-int dhcpsnoop_remote_id_cmp(const uint8_t *subOption, const DhcpsnoopIf *ifp, uint32_t mode);
+/* info: the frame that subOption points into; the value compared may reach
+ * past the sub-option, and the frame buffer bounds it. */
+int dhcpsnoop_remote_id_cmp(const DhcpsnoopPktInfo *info, const uint8_t *subOption,
+                            const DhcpsnoopIf *ifp, uint32_t mode);
 void dhcpsnoop_strip_option(DhcpsnoopPktInfo *info);
 void dhcpsnoop_insert_opt67(DhcpsnoopPktInfo *info, const uint8_t *data, uint32_t length);
 void dhcpsnoop_insert_opt125(DhcpsnoopPktInfo *info, const uint8_t *data, uint32_t length);
 
 /* ---- option text templates (format/) ---- */
+/* out: the area behind it must hold 255 bytes whatever room says (a literal
+ * run is measured against the 255-byte cap, not against room). */
 uint32_t dhcpsnoop_format_print(DhcpsnoopPktInfo *info, const uint8_t *tmpl, uint32_t tmplLen,
                                 uint8_t *out, uint32_t room);
 int dhcpsnoop_format_check(const uint8_t *tmpl, uint32_t len);

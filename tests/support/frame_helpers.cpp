@@ -1,0 +1,179 @@
+#include "frame_helpers.h"
+
+#include <cstring>
+
+namespace {
+
+void push16(std::vector<uint8_t> &v, uint32_t x)
+{
+    v.push_back(uint8_t(x >> 8));
+    v.push_back(uint8_t(x));
+}
+
+void push32(std::vector<uint8_t> &v, uint32_t x)
+{
+    push16(v, x >> 16);
+    push16(v, x);
+}
+
+uint32_t rd16(const uint8_t *p) { return uint32_t(p[0]) << 8 | p[1]; }
+
+/* RFC 1071 sum, unfolded-then-folded, without the final complement. */
+uint32_t ones_sum(const uint8_t *p, size_t n, uint32_t acc = 0)
+{
+    for (size_t i = 0; i + 1 < n; i += 2)
+        acc += rd16(p + i);
+    if (n & 1)
+        acc += uint32_t(p[n - 1]) << 8;
+    while (acc >> 16)
+        acc = (acc & 0xFFFF) + (acc >> 16);
+    return acc;
+}
+
+uint32_t udp_sum(const uint8_t *ip, const uint8_t *udp, size_t udpLen)
+{
+    uint8_t pseudo[12];
+    memcpy(pseudo, ip + 12, 8);
+    pseudo[8] = 0;
+    pseudo[9] = 17;
+    pseudo[10] = uint8_t(udpLen >> 8);
+    pseudo[11] = uint8_t(udpLen);
+    return ones_sum(udp, udpLen, ones_sum(pseudo, 12));
+}
+
+} // namespace
+
+std::vector<uint8_t> ipv4(uint32_t hostOrder)
+{
+    std::vector<uint8_t> v;
+    push32(v, hostOrder);
+    return v;
+}
+
+Dhcp4Frame &Dhcp4Frame::opt(uint8_t code, std::vector<uint8_t> data)
+{
+    options.push_back(code);
+    options.push_back(uint8_t(data.size()));
+    options.insert(options.end(), data.begin(), data.end());
+    return *this;
+}
+
+Dhcp4Frame &Dhcp4Frame::msgType(uint8_t t) { return opt(53, {t}); }
+
+Dhcp4Frame &Dhcp4Frame::end()
+{
+    options.push_back(255);
+    return *this;
+}
+
+size_t Dhcp4Frame::l2Len() const { return 14 + 4 * vlans.size(); }
+
+std::vector<uint8_t> Dhcp4Frame::build() const
+{
+    std::vector<uint8_t> f(dst.begin(), dst.end());
+    f.insert(f.end(), src.begin(), src.end());
+    for (uint16_t vid : vlans) {
+        push16(f, 0x8100);
+        push16(f, vid);
+    }
+    push16(f, 0x0800);
+
+    size_t ipAt = f.size();
+    size_t ipHdrLen = size_t(ihl) * 4;
+    size_t dhcpLen = 240 + options.size();
+    size_t udpLen = 8 + dhcpLen;
+    f.push_back(uint8_t(0x40 | (ihl & 0x0F)));
+    f.push_back(0);
+    push16(f, uint32_t(ipHdrLen + udpLen));
+    push16(f, 0);      // id
+    push16(f, 0x4000); // don't fragment
+    f.push_back(64);
+    f.push_back(ipProto);
+    push16(f, 0); // checksum, below
+    push32(f, srcIp);
+    push32(f, dstIp);
+    f.resize(ipAt + ipHdrLen, 0);
+
+    size_t udpAt = f.size();
+    push16(f, sport);
+    push16(f, dport);
+    push16(f, uint32_t(udpLen));
+    push16(f, 0);
+
+    f.push_back(op);
+    f.push_back(1); // Ethernet
+    f.push_back(6);
+    f.push_back(0);
+    push32(f, xid);
+    push16(f, 0);
+    push16(f, flags);
+    push32(f, ciaddr);
+    push32(f, yiaddr);
+    push32(f, siaddr);
+    push32(f, giaddr);
+    f.insert(f.end(), chaddr.begin(), chaddr.end());
+    f.resize(f.size() + 10 + 64 + 128, 0);
+    for (uint8_t b : {99, 130, 83, 99})
+        f.push_back(b);
+    f.insert(f.end(), options.begin(), options.end());
+
+    uint32_t ipSum = ~ones_sum(f.data() + ipAt, ipHdrLen) & 0xFFFF;
+    f[ipAt + 10] = uint8_t(ipSum >> 8);
+    f[ipAt + 11] = uint8_t(ipSum);
+    uint32_t us = ~udp_sum(f.data() + ipAt, f.data() + udpAt, udpLen) & 0xFFFF;
+    if (us == 0)
+        us = 0xFFFF;
+    f[udpAt + 6] = uint8_t(us >> 8);
+    f[udpAt + 7] = uint8_t(us);
+
+    f.resize(f.size() + pad, 0);
+    return f;
+}
+
+bool ipv4_checksum_ok(const uint8_t *frame, size_t l2Len)
+{
+    const uint8_t *ip = frame + l2Len;
+    return ones_sum(ip, size_t(ip[0] & 0x0F) * 4) == 0xFFFF;
+}
+
+bool udp4_checksum_ok(const uint8_t *frame, size_t l2Len)
+{
+    const uint8_t *ip = frame + l2Len;
+    const uint8_t *udp = ip + size_t(ip[0] & 0x0F) * 4;
+    if (rd16(udp + 6) == 0)
+        return true;
+    return udp_sum(ip, udp, rd16(udp + 4)) == 0xFFFF;
+}
+
+uint16_t dhcp4_udp_len(const uint8_t *frame, size_t l2Len)
+{
+    const uint8_t *ip = frame + l2Len;
+    return uint16_t(rd16(ip + size_t(ip[0] & 0x0F) * 4 + 4));
+}
+
+uint16_t dhcp4_ip_total(const uint8_t *frame, size_t l2Len)
+{
+    return uint16_t(rd16(frame + l2Len + 2));
+}
+
+size_t dhcp4_options_at(const uint8_t *frame, size_t l2Len)
+{
+    return l2Len + size_t(frame[l2Len] & 0x0F) * 4 + 8 + 240;
+}
+
+void fill_rxpkt(DhcpsnoopRxPkt &rx, const std::vector<uint8_t> &frame, DhcpsnoopIf *ifp,
+                uint32_t ifIndex, uint16_t outerVid, uint16_t innerVid, uint16_t l2HdrLen,
+                uint16_t etherType)
+{
+    memset(&rx, 0, sizeof rx);
+    size_t n = frame.size() < sizeof rx.data ? frame.size() : sizeof rx.data;
+    rx.valid = 1;
+    rx.len = uint16_t(n);
+    memcpy(rx.data, frame.data(), n);
+    rx.inIf = ifp;
+    rx.ifIndex = ifIndex;
+    rx.outerVid = outerVid;
+    rx.innerVid = innerVid;
+    rx.l2HdrLen = l2HdrLen;
+    rx.etherType = etherType;
+}

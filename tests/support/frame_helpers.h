@@ -1,0 +1,54 @@
+/*
+ * DHCPv4 frames for tests: a builder with correct lengths and checksums, an
+ * independent check of both checksums, and the rx record as the main loop
+ * fills it.
+ */
+#ifndef DHCPSNOOP_FRAME_HELPERS_H
+#define DHCPSNOOP_FRAME_HELPERS_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "dhcpsnoop.h"
+
+struct Dhcp4Frame {
+    std::array<uint8_t, 6> dst{0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+    std::array<uint8_t, 6> src{0x02, 0, 0, 0, 0, 0x01};
+    std::vector<uint16_t> vlans;             // 802.1Q tags, outer first, TPID 0x8100
+    uint32_t srcIp = 0, dstIp = 0xFFFFFFFF; // host order
+    uint16_t sport = 68, dport = 67;
+    uint8_t op = 1;
+    uint32_t xid = 0x12345678;
+    uint16_t flags = 0;
+    uint32_t ciaddr = 0, yiaddr = 0, siaddr = 0, giaddr = 0; // host order
+    std::array<uint8_t, 6> chaddr{0x02, 0, 0, 0, 0, 0x01};
+    std::vector<uint8_t> options; // option bytes after the magic cookie, as given (no 255 added)
+    size_t pad = 0;               // trailing Ethernet padding bytes
+    uint8_t ihl = 5;              // IPv4 header length in words; options beyond 20 bytes are zero
+    uint8_t ipProto = 17;
+
+    Dhcp4Frame &opt(uint8_t code, std::vector<uint8_t> data); // append code, len, data
+    Dhcp4Frame &msgType(uint8_t t);                           // option 53
+    Dhcp4Frame &end();                                        // append 255
+    std::vector<uint8_t> build() const; // lengths and both checksums correct
+    size_t l2Len() const;               // 14 + 4 per tag
+};
+
+std::vector<uint8_t> ipv4(uint32_t hostOrder); // 4 network-order bytes
+
+// Independent recomputation (not using the daemon's checksum code):
+bool ipv4_checksum_ok(const uint8_t *frame, size_t l2Len);
+bool udp4_checksum_ok(const uint8_t *frame, size_t l2Len); // also accepts a 0 field as "no checksum"
+uint16_t dhcp4_udp_len(const uint8_t *frame, size_t l2Len);
+uint16_t dhcp4_ip_total(const uint8_t *frame, size_t l2Len);
+// Offset of the first option byte (after the magic cookie) in a frame.
+size_t dhcp4_options_at(const uint8_t *frame, size_t l2Len);
+
+// Fill an rx record as the main loop would.
+void fill_rxpkt(DhcpsnoopRxPkt &rx, const std::vector<uint8_t> &frame, DhcpsnoopIf *ifp,
+                uint32_t ifIndex, uint16_t outerVid, uint16_t innerVid, uint16_t l2HdrLen,
+                uint16_t etherType = 0x0800);
+
+#endif
