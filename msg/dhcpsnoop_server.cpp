@@ -148,7 +148,7 @@ void dhcpsnoop_server_packet_recv(DhcpsnoopPktInfo *info)
     if (mode == 0)
         mode = gDhcpsnoop.remoteIdFmt.mode;
     if ((egress->flags & ifflag::OPTION82) && (mode == 3 || mode == 4) && info->remoteId &&
-        dhcpsnoop_remote_id_cmp(info->remoteId, egress, mode) == 0)
+        dhcpsnoop_remote_id_cmp(info, info->remoteId, egress, mode) == 0)
         dhcpsnoop_strip_option(info);
 
     if (ack) {

@@ -62,7 +62,14 @@ uint32_t option_data(DhcpsnoopPktInfo *info, uint32_t ifMode, const uint8_t *ifT
     const uint8_t *tmpl = ifMode ? ifText : global.text;
     uint32_t tmplLen = ifMode ? ifLen : global.len;
     if (template_mode(mode)) {
-        uint32_t n = dhcpsnoop_format_print(info, tmpl, tmplLen, data, room);
+        /* the renderer may touch 255 bytes whatever the room: give it its
+         * own, then keep what fits */
+        uint8_t rendered[256];
+        memset(rendered, 0, sizeof rendered);
+        uint32_t n = dhcpsnoop_format_print(info, tmpl, tmplLen, rendered, room < 255 ? room : 255);
+        if (n > room)
+            n = room;
+        memcpy(data, rendered, n);
         *emptyTemplate = n == 0;
         return n;
     }

@@ -453,8 +453,10 @@ TEST_F(PathTest, TagsFollowTheEgressPort)
             EXPECT_EQ(b[12] << 8 | b[13], 0x0800);
         }
     }
-    /* an excluded port receives nothing */
+    /* an excluded port receives nothing, unless it is a router port */
     model().ports[SERVER_PORT].excluded = 1;
+    EXPECT_EQ(inject(CLIENT_PORT, fromClient(1).end()).size(), 1u);
+    server->flags &= ~ifflag::ROUTER_MODE;
     EXPECT_TRUE(inject(CLIENT_PORT, fromClient(1).end()).empty());
 }
 

@@ -3,7 +3,9 @@
 #define DHCPSNOOP_FRAME6_HELPERS_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <vector>
 
 using Ip6 = std::array<uint8_t, 16>;
