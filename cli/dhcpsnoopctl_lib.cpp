@@ -472,9 +472,11 @@ struct Table {
 
     void print(FILE *out) const
     {
-        std::vector<size_t> w(head.size(), 0);
+        std::vector<size_t> w;
         auto widen = [&](const std::vector<std::string> &r) {
-            for (size_t i = 0; i < r.size() && i < w.size(); i++)
+            if (w.size() < r.size())
+                w.resize(r.size(), 0);
+            for (size_t i = 0; i < r.size(); i++)
                 w[i] = std::max(w[i], r[i].size());
         };
         widen(head);
