@@ -172,10 +172,22 @@ TEST_F(SyncTest, FullCopyFillsBuffersToTheirLimit)
     EXPECT_EQ(at<uint32_t>(bufs[0], 1384), 2u);
     EXPECT_EQ(at<uint32_t>(bufs[1], 4), 1u);
 
+    /* 22 users and 5 servers fill one buffer to the byte */
+    for (uint8_t i = 1; i < 24; i++) {
+        DhcpsnoopUserKey k = v4key(10, 1, 0, i);
+        dhcpsnoop_user_delete(dhcpsnoop_user_lookup(&k));
+    }
+    addUsers(22, 2);
+    for (uint32_t i = 3; i <= 5; i++)
+        dhcpsnoop_server_add(i, 10, 3);
+    model().scalarSyncs.clear();
+    dhcpsnoop_sync_all_send(7, 1);
+    EXPECT_EQ(sentSizes(), (std::vector<size_t>{1400}));
+
     /* servers alone: 87 to a buffer */
     dhcpsnoop_user_process_on_interface(nullptr, 3, 7, 2);
     EXPECT_EQ(user_count(), 0u);
-    for (uint32_t i = 3; i <= 88; i++)
+    for (uint32_t i = 6; i <= 88; i++)
         dhcpsnoop_server_add(i, 10, 3);
     model().scalarSyncs.clear();
     dhcpsnoop_sync_all_send(7, 1);
