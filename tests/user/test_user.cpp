@@ -388,16 +388,3 @@ TEST_F(UserTest, MacUsersShareBucketsAndThePool)
     EXPECT_EQ(dhcpsnoop_mac_user_lookup(a.data()), ma);
     EXPECT_EQ(learn(v4key(10, 2, 0, 0), port3, kMacA), 0);
 }
-
-TEST_F(UserTest, MacUsersAgeOutAfterTwoMinutes)
-{
-    const Mac a = {0, 0, 0, 0, 1, 2};
-    DhcpsnoopPktInfo info = client_request(port3, 3, 10, a, uint32_t(sys().now));
-    ASSERT_NE(dhcpsnoop_mac_user_add(&info), nullptr);
-    sys().now += 119;
-    dhcpsnoop_user_timer_check();
-    EXPECT_NE(dhcpsnoop_mac_user_lookup(a.data()), nullptr);
-    sys().now += 61;
-    dhcpsnoop_user_timer_check();
-    EXPECT_EQ(dhcpsnoop_mac_user_lookup(a.data()), nullptr);
-}
