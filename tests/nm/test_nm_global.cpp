@@ -136,17 +136,6 @@ TEST_F(GlobalTest, SyncPacketIsHandedToTheReceiver)
     EXPECT_TRUE(model().scalarSyncs.empty());
 }
 
-TEST(DebugSet, SetsAndClearsBits)
-{
-    gDhcpsnoop.debugFlags = 0;
-    EXPECT_EQ(dhcpSnoop_debug_set(3, 1), 0);
-    EXPECT_EQ(dhcpSnoop_debug_set(1, 2), 0);
-    EXPECT_EQ(gDhcpsnoop.debugFlags, 2);
-    EXPECT_EQ(dhcpSnoop_debug_set(2, 3), -1);
-    EXPECT_EQ(gDhcpsnoop.debugFlags, 2);
-    gDhcpsnoop.debugFlags = 0;
-}
-
 TEST_F(GlobalTest, VlansAreListedInInterfaceOrder)
 {
     addVlanIf(100, 30);
