@@ -1,0 +1,357 @@
+/* Sync records: their layout, single and full-copy sends with the buffer
+ * packing, and a Slave applying what it receives, whatever the lengths say. */
+#include <cstring>
+
+#include "binding_helpers.h"
+#include "daemon_fixture.h"
+
+namespace {
+
+template <class T> T at(const std::vector<uint8_t> &b, size_t off)
+{
+    T v;
+    memcpy(&v, b.data() + off, sizeof v);
+    return v;
+}
+
+std::vector<uint8_t> user_record(const DhcpsnoopUser *u, uint32_t add)
+{
+    std::vector<uint8_t> out(60);
+    EXPECT_EQ(dhcpsnoop_sync_user_pkt_build(u, add, out.data()), 60u);
+    return out;
+}
+
+std::vector<uint8_t> server_record(uint32_t ip, uint32_t vid, uint32_t ifIndex, uint32_t add)
+{
+    DhcpsnoopServer s{};
+    s.serverIp = ip;
+    s.vid = vid;
+    s.ifIndex = ifIndex;
+    std::vector<uint8_t> out(16);
+    EXPECT_EQ(dhcpsnoop_sync_server_pkt_build(&s, add, out.data()), 16u);
+    return out;
+}
+
+void set_len(std::vector<uint8_t> &b, size_t off, uint16_t len) { memcpy(&b[off + 2], &len, 2); }
+
+/* Hand a buffer over exactly as large as its bytes, so a read past it shows. */
+void receive(const std::vector<uint8_t> &bytes)
+{
+    std::vector<uint8_t> copy(bytes);
+    QorTextPair d{copy.empty() ? nullptr : copy.data(), uint32_t(copy.size())};
+    dhcpsnoop_sync_pkt_recv(&d);
+}
+
+std::vector<uint8_t> cat(std::initializer_list<std::vector<uint8_t>> parts)
+{
+    std::vector<uint8_t> out;
+    for (auto &p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+} // namespace
+
+class SyncTest : public DaemonTest {
+protected:
+    DhcpsnoopIf *port3 = nullptr, *port4 = nullptr, *vlan10 = nullptr;
+
+    void SetUp() override
+    {
+        DaemonTest::SetUp();
+        start(8, 40);
+        set_role(DHCPSNOOP_ROLE_NONE);
+        port3 = enablePort(3);
+        port4 = enablePort(4);
+        model().addVlanIf(100, 10, "vlan10");
+        ASSERT_EQ(dhcpsnoop_if_enable(100), 0u);
+        vlan10 = dhcpsnoop_if_lookup(100);
+    }
+
+    void addUsers(int n, uint8_t net = 1)
+    {
+        for (int i = 0; i < n; i++)
+            ASSERT_NE(make_user(v4key(10, net, 0, uint8_t(i)), DHCPSNOOP_USER_DYNAMIC, 3, 10),
+                      nullptr);
+    }
+
+    std::vector<size_t> sentSizes()
+    {
+        std::vector<size_t> out;
+        for (auto &b : sync_buffers())
+            out.push_back(b.size());
+        return out;
+    }
+};
+
+TEST_F(SyncTest, RecordLayouts)
+{
+    DhcpsnoopUserKey key = v6key({0x20, 0x01, 0x0d, 0xb8, 9});
+    DhcpsnoopUser *u = make_user(key, DHCPSNOOP_USER_STATIC, 0x01020304, 0x0ABC,
+                                 {1, 2, 3, 4, 5, 6});
+    u->origVid = 0x0DEF;
+    u->leaseTime = 0x11111111;
+    u->leaseStart = 0x22222222;
+    u->hwFlags = 0xC0;
+    u->userAttr = 0x3344;
+    u->ipsgHwId = 0x55555555;
+    u->daiHwId = 0x66666666;
+    u->gateway = 0x77777777;
+    auto r = user_record(u, 1);
+    EXPECT_EQ(r[0], 1);
+    EXPECT_EQ(r[1], 1);
+    EXPECT_EQ(at<uint16_t>(r, 2), 56);
+    EXPECT_EQ(memcmp(r.data() + 4, &key, 20), 0);
+    EXPECT_EQ(at<uint16_t>(r, 24), 0x0ABC);
+    EXPECT_EQ(at<uint16_t>(r, 26), 0x0DEF);
+    EXPECT_EQ(at<uint32_t>(r, 28), 0x01020304u);
+    EXPECT_EQ(at<uint32_t>(r, 32), 0x11111111u);
+    EXPECT_EQ(at<uint32_t>(r, 36), 0x22222222u);
+    EXPECT_EQ((std::vector<uint8_t>(r.begin() + 40, r.begin() + 44)),
+              (std::vector<uint8_t>{0xC0, DHCPSNOOP_USER_STATIC, DHCPSNOOP_BIND_BOUND, 0x30}));
+    EXPECT_EQ(at<uint16_t>(r, 44), 0x3344);
+    EXPECT_EQ(memcmp(r.data() + 46, "\x01\x02\x03\x04\x05\x06", 6), 0);
+    EXPECT_EQ(at<uint32_t>(r, 52), 0x55555555u);
+    EXPECT_EQ(at<uint32_t>(r, 56), 0x66666666u);
+
+    auto d = user_record(u, 0);
+    EXPECT_EQ(d[1], 0);
+    EXPECT_EQ(at<uint16_t>(d, 2), 56);
+    EXPECT_EQ(memcmp(d.data() + 4, &key, 20), 0);
+    EXPECT_EQ(std::vector<uint8_t>(d.begin() + 24, d.end()), std::vector<uint8_t>(36, 0));
+
+    auto s = server_record(0xC0A80001, 0x12345, 7, 1);
+    EXPECT_EQ(s, (cat({{2, 1}, {12, 0}, {0x01, 0x00, 0xA8, 0xC0}, {7, 0, 0, 0}, {0x45, 0x23, 0, 0}})))
+        << "host order is little-endian on the build machines";
+}
+
+TEST_F(SyncTest, SingleChangesTravelAloneToDestinationThree)
+{
+    gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO;
+    DhcpsnoopUser *u = make_user(v4key(10, 0, 0, 1), DHCPSNOOP_USER_DYNAMIC, 3, 10);
+    dhcpsnoop_sync_user_send(u, 1);
+    DhcpsnoopServer srv{};
+    srv.serverIp = 5;
+    dhcpsnoop_sync_server_send(&srv, 0);
+    ASSERT_EQ(model().scalarSyncs.size(), 2u);
+    EXPECT_EQ(model().scalarSyncs[0].mode, 0x80000003u);
+    EXPECT_EQ(model().scalarSyncs[0].data, user_record(u, 1));
+    EXPECT_EQ(model().scalarSyncs[1].data, server_record(5, 0, 0, 0));
+    EXPECT_EQ(model().debugCount("[DHCPSNOOP] Send dhcpsnoop user sync packet, add flag 1.\r\n"), 1u);
+    EXPECT_EQ(model().debugCount("[DHCPSNOOP] Send dhcpsnoop sync packet: len 60.\r\n"), 1u);
+
+    uint8_t byte = 0;
+    dhcpsnoop_sync_pkt_send(nullptr, 10, 3);
+    dhcpsnoop_sync_pkt_send(&byte, 0, 3);
+    EXPECT_EQ(model().scalarSyncs.size(), 2u);
+    model().failOn("qorHwScalarSync", DHCPSNOOP_SYNC_CODE, 1, 1);
+    dhcpsnoop_sync_pkt_send(&byte, 1, 3);
+    EXPECT_EQ(model().debugCount("[DHCPSNOOP] Send dhcpsnoop sync packet ERROR!\r\n"), 1u);
+}
+
+TEST_F(SyncTest, FullCopyFillsBuffersToTheirLimit)
+{
+    addUsers(24);
+    make_user(v4key(10, 9, 9, 9), DHCPSNOOP_USER_IPSG, 3, 10); /* never copied */
+    dhcpsnoop_sync_all_send(0x20002, 0);
+    EXPECT_TRUE(model().scalarSyncs.empty());
+    dhcpsnoop_sync_all_send(0x20002, 1);
+    EXPECT_EQ(sentSizes(), (std::vector<size_t>{1380, 60}));
+    for (auto &s : model().scalarSyncs)
+        EXPECT_EQ(s.mode, 0x80020002u);
+
+    model().scalarSyncs.clear();
+    DhcpsnoopUserKey first = v4key(10, 1, 0, 0);
+    dhcpsnoop_user_delete(dhcpsnoop_user_lookup(&first));
+    dhcpsnoop_server_add(1, 10, 3);
+    dhcpsnoop_server_add(2, 10, 3);
+    dhcpsnoop_sync_all_send(7, 1);
+    EXPECT_EQ(sentSizes(), (std::vector<size_t>{1396, 16}));
+    auto bufs = sync_buffers();
+    EXPECT_EQ(bufs[0][1380], 2); /* the newest server still fits after 23 users */
+    EXPECT_EQ(at<uint32_t>(bufs[0], 1384), 2u);
+    EXPECT_EQ(at<uint32_t>(bufs[1], 4), 1u);
+
+    /* 22 users and 5 servers fill one buffer to the byte */
+    for (uint8_t i = 1; i < 24; i++) {
+        DhcpsnoopUserKey k = v4key(10, 1, 0, i);
+        dhcpsnoop_user_delete(dhcpsnoop_user_lookup(&k));
+    }
+    addUsers(22, 2);
+    for (uint32_t i = 3; i <= 5; i++)
+        dhcpsnoop_server_add(i, 10, 3);
+    model().scalarSyncs.clear();
+    dhcpsnoop_sync_all_send(7, 1);
+    EXPECT_EQ(sentSizes(), (std::vector<size_t>{1400}));
+
+    /* servers alone: 87 to a buffer */
+    dhcpsnoop_user_process_on_interface(nullptr, 3, 7, 2);
+    EXPECT_EQ(user_count(), 0u);
+    for (uint32_t i = 6; i <= 88; i++)
+        dhcpsnoop_server_add(i, 10, 3);
+    model().scalarSyncs.clear();
+    dhcpsnoop_sync_all_send(7, 1);
+    EXPECT_EQ(sentSizes(), (std::vector<size_t>{1392, 16}));
+
+    for (DhcpsnoopServer *srv : server_list())
+        dhcpsnoop_server_delete(srv);
+    model().scalarSyncs.clear();
+    dhcpsnoop_sync_all_send(7, 1);
+    EXPECT_TRUE(model().scalarSyncs.empty());
+}
+
+TEST_F(SyncTest, SlaveTakesOverTheMastersTables)
+{
+    addUsers(30);
+    DhcpsnoopUser *s = make_user(v6key({0x20, 0x01, 1}), DHCPSNOOP_USER_STATIC, 4, 10);
+    s->userAttr = 9;
+    s->hwFlags = DHCPSNOOP_HW_IPSG;
+    s->ipsgHwId = 77;
+    dhcpsnoop_server_add(0x0A000001, 10, 3);
+    std::vector<DhcpsnoopUser> before;
+    for (auto &head : gDhcpsnoop.userHash)
+        for (DhcpsnoopList *n = head.next; n != &head; n = n->next)
+            before.push_back(*dhcpsnoop_entry<DhcpsnoopUser>(n));
+    dhcpsnoop_sync_all_send(7, 1);
+    auto bufs = sync_buffers();
+    ASSERT_EQ(bufs.size(), 2u);
+
+    /* a unit that is not the Slave ignores what arrives */
+    dhcpsnoop_user_process_on_interface(nullptr, 3, 3, 2);
+    dhcpsnoop_server_delete(server_list()[0]);
+    for (DhcpsnoopRole role : {DHCPSNOOP_ROLE_MASTER, DHCPSNOOP_ROLE_NONE}) {
+        set_role(role);
+        for (auto &b : bufs)
+            receive(b);
+        EXPECT_EQ(user_count(), 0u);
+        EXPECT_TRUE(server_list().empty());
+    }
+
+    set_role(DHCPSNOOP_ROLE_SLAVE);
+    model().scalarSyncs.clear();
+    model().hwUserCalls.clear();
+    gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO;
+    for (auto &b : bufs)
+        receive(b);
+    EXPECT_EQ(model().debugCount("[DHCPSNOOP] Receive dhcpsnoop sync packet: len 1380."), 1u);
+    ASSERT_EQ(user_count(), before.size());
+    for (auto &want : before) {
+        DhcpsnoopUser *got = dhcpsnoop_user_lookup(dhcpsnoop_user_key(&want));
+        ASSERT_NE(got, nullptr);
+        EXPECT_EQ(memcmp(&got->ipType, &want.ipType, offsetof(DhcpsnoopUser, gateway) -
+                                                         offsetof(DhcpsnoopUser, ipType)),
+                  0);
+    }
+    EXPECT_NE(dhcpsnoop_server_lookup(0x0A000001, 10, 3), nullptr);
+    /* every copied entry is counted, the static one included */
+    EXPECT_EQ(port3->curUser, 30);
+    EXPECT_EQ(port4->curUser, 1);
+    EXPECT_EQ(vlan10->curUser, 31);
+    /* the Slave neither programs hardware nor sends back */
+    EXPECT_TRUE(model().hwUserCalls.empty());
+    EXPECT_TRUE(model().scalarSyncs.empty());
+}
+
+TEST_F(SyncTest, SlaveAppliesChangesAsWritten)
+{
+    set_role(DHCPSNOOP_ROLE_SLAVE);
+    DhcpsnoopUserKey k = v4key(10, 0, 0, 1);
+    DhcpsnoopUser tmpl{};
+    memcpy(dhcpsnoop_user_key(&tmpl), &k, 20);
+    tmpl.userType = DHCPSNOOP_USER_DYNAMIC;
+    tmpl.ifIndex = 3;
+    tmpl.vid = tmpl.origVid = 10;
+    tmpl.leaseTime = 100;
+    receive(user_record(&tmpl, 1));
+    DhcpsnoopUser *u = dhcpsnoop_user_lookup(&k);
+    ASSERT_NE(u, nullptr);
+    EXPECT_EQ(port3->curUser, 1);
+
+    /* a replacement on another port keeps the old counts */
+    tmpl.ifIndex = 4;
+    tmpl.leaseTime = 200;
+    receive(user_record(&tmpl, 1));
+    EXPECT_EQ(dhcpsnoop_user_lookup(&k), u);
+    EXPECT_EQ(u->ifIndex, 4u);
+    EXPECT_EQ(u->leaseTime, 200u);
+    EXPECT_EQ(port3->curUser, 1);
+    EXPECT_EQ(port4->curUser, 0);
+    EXPECT_EQ(vlan10->curUser, 1);
+
+    /* deleting an unknown key changes nothing; a known one is deleted */
+    DhcpsnoopUser other = tmpl;
+    memcpy(dhcpsnoop_user_key(&other), &(k = v4key(10, 0, 0, 2)), 20);
+    receive(user_record(&other, 0));
+    EXPECT_EQ(user_count(), 1u);
+    receive(cat({user_record(&tmpl, 0), server_record(1, 10, 3, 1), server_record(1, 10, 3, 1),
+                 server_record(2, 20, 3, 1)}));
+    EXPECT_EQ(user_count(), 0u);
+    EXPECT_EQ(port4->curUser, 0);
+    EXPECT_EQ(vlan10->curUser, 0);
+    EXPECT_EQ(server_list().size(), 2u); /* an existing server is not added twice */
+    receive(cat({server_record(1, 10, 3, 0), server_record(9, 10, 3, 0)}));
+    ASSERT_EQ(server_list().size(), 1u);
+    EXPECT_EQ(server_list()[0]->serverIp, 2u);
+    EXPECT_EQ(server_list()[0]->vid, 20u);
+    EXPECT_EQ(model().logCount("[DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.1"), 1u);
+
+    /* with no node free the record is dropped */
+    addUsers(40, 5);
+    ASSERT_EQ(free_user_nodes(), 0u);
+    receive(user_record(&other, 1));
+    EXPECT_EQ(dhcpsnoop_user_lookup(&k), nullptr);
+    EXPECT_EQ(port4->curUser, 0);
+}
+
+TEST_F(SyncTest, LengthsNeverLeadPastTheBuffer)
+{
+    set_role(DHCPSNOOP_ROLE_SLAVE);
+    gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO | DHCPSNOOP_DEBUG_DUMP;
+    DhcpsnoopUser tmpl{};
+    DhcpsnoopUserKey k = v4key(10, 0, 0, 1);
+    memcpy(dhcpsnoop_user_key(&tmpl), &k, 20);
+    tmpl.userType = DHCPSNOOP_USER_DYNAMIC;
+    const auto user = user_record(&tmpl, 1);
+    const auto srv = server_record(0x0A, 10, 3, 1);
+
+    auto shortUser = user; /* says 8 bytes follow: the next record starts at 12 */
+    set_len(shortUser, 0, 8);
+    auto longUser = user;
+    set_len(longUser, 0, 1000);
+    auto unknown = srv;
+    unknown[0] = 7;
+    auto emptyUnknown = std::vector<uint8_t>{9, 1, 0, 0};
+
+    struct Case {
+        const char *what;
+        std::vector<uint8_t> bytes;
+        bool user, server;
+    } cases[] = {
+        {"cut inside a user record", std::vector<uint8_t>(user.begin(), user.begin() + 40), false,
+         false},
+        {"cut inside a header", cat({srv, {2, 1}}), false, true},
+        {"three bytes only", {1, 1, 56}, false, false},
+        {"short length, applied from the bytes that follow",
+         cat({std::vector<uint8_t>(shortUser.begin(), shortUser.begin() + 12), srv,
+              std::vector<uint8_t>(32, 0)}),
+         true, true},
+        {"short length, record runs past the end",
+         cat({std::vector<uint8_t>(shortUser.begin(), shortUser.begin() + 12), srv}), false, true},
+        {"long length, record whole", longUser, true, false},
+        {"long length hides what follows", cat({longUser, srv}), true, false},
+        {"unknown types are skipped by their length", cat({unknown, emptyUnknown, srv}), false,
+         true},
+        {"zero length", {}, false, false},
+    };
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        receive(c.bytes);
+        EXPECT_EQ(dhcpsnoop_user_lookup(&k) != nullptr, c.user);
+        EXPECT_EQ(dhcpsnoop_server_lookup(0x0A, 10, 3) != nullptr, c.server);
+        dhcpsnoop_user_delete(dhcpsnoop_user_lookup(&k));
+        dhcpsnoop_server_delete(dhcpsnoop_server_lookup(0x0A, 10, 3));
+    }
+    dhcpsnoop_sync_pkt_recv(nullptr);
+    QorTextPair nothing{nullptr, 100};
+    dhcpsnoop_sync_pkt_recv(&nothing);
+}
