@@ -328,8 +328,8 @@ int dhcpsnoop_insert_opt82(DhcpsnoopPktInfo *info, const uint8_t *option, uint32
 {
     if (!info || !option || !info->optEnd)
         return -1;
-    if (room_after(info, info->optEnd) < length + 1)
-        return -1;
+    if (length >= room_after(info, info->optEnd))
+        return -1; /* the option and its end option would leave the buffer */
     memmove(info->optEnd, option, length + 1);
     dhcpsnoop_update_checksum(info, length, 1);
     return 0;

@@ -185,7 +185,10 @@ int qorIfSetApi(uint32_t ifIndex, uint32_t cmd, void *value)
         uint32_t word = 0;
         if (value)
             memcpy(&word, value, sizeof word);
-        g_model.trapCalls.push_back({ifIndex, cmd, word, rc});
+        if (rc == 0 && g_model.onTrap)
+            rc = g_model.onTrap(ifIndex, cmd, word);
+        if (g_model.record)
+            g_model.trapCalls.push_back({ifIndex, cmd, word, rc});
         if (rc == 0) {
             if (cmd == 305)
                 g_model.traps.insert({ifIndex, word});
@@ -208,8 +211,11 @@ int qorIfSetApi(uint32_t ifIndex, uint32_t cmd, void *value)
                     memcpy(rec + 40, &id, 4);
             }
             memcpy(call.record.data(), req->record, 44);
+            if (rc == 0 && g_model.onHwUser)
+                g_model.onHwUser(ifIndex, req->op, call.record.data());
         }
-        g_model.hwUserCalls.push_back(call);
+        if (g_model.record)
+            g_model.hwUserCalls.push_back(call);
         return rc;
     }
     return rc ? rc : -1;
@@ -337,7 +343,8 @@ int qorHwScalarSync(void *, uint32_t code, void *data, uint32_t mode)
             rec.data.assign(static_cast<uint8_t *>(data), static_cast<uint8_t *>(data) + 4);
         }
     }
-    g_model.scalarSyncs.push_back(rec);
+    if (g_model.record)
+        g_model.scalarSyncs.push_back(rec);
     if (rc == 0 && g_model.onScalarSync)
         rc = g_model.onScalarSync(code, data, mode);
     return rc;
@@ -346,7 +353,8 @@ int qorHwScalarSync(void *, uint32_t code, void *data, uint32_t mode)
 int qorHwIfSync(uint32_t ifIndex, uint32_t code, void *, uint32_t mode)
 {
     int rc = g_model.failed("qorHwIfSync", code);
-    g_model.ifSyncs.push_back({ifIndex, code, mode, rc});
+    if (g_model.record)
+        g_model.ifSyncs.push_back({ifIndex, code, mode, rc});
     return rc;
 }
 
@@ -356,7 +364,8 @@ int qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *, uint32_t mode
     SimUserSync rec{{}, code, mode, rc};
     if (key)
         memcpy(rec.key.data(), key, 20);
-    g_model.userSyncs.push_back(rec);
+    if (g_model.record)
+        g_model.userSyncs.push_back(rec);
     return rc;
 }
 
@@ -383,7 +392,10 @@ void zlog_dispatch_logging(int, int, const char *fmt, ...)
     va_start(ap, fmt);
     append_vformat(line, fmt, ap);
     va_end(ap);
-    g_model.logLines.push_back(line);
+    if (g_model.onLog)
+        g_model.onLog(line);
+    if (g_model.record)
+        g_model.logLines.push_back(line);
 }
 
 int qorNetlinkSend(uint32_t type, uint32_t flags, const void *record, uint32_t len)
@@ -393,19 +405,24 @@ int qorNetlinkSend(uint32_t type, uint32_t flags, const void *record, uint32_t l
     if (record)
         rec.record.assign(static_cast<const uint8_t *>(record),
                           static_cast<const uint8_t *>(record) + len);
-    g_model.netlinkSends.push_back(rec);
+    if (g_model.record)
+        g_model.netlinkSends.push_back(rec);
     return rc;
 }
 
 void NM_DEBUG_OUTPUT(const char *fmt, ...)
 {
-    size_t before = g_model.debugText.size();
+    std::string text;
     va_list ap;
     va_start(ap, fmt);
-    append_vformat(g_model.debugText, fmt, ap);
+    append_vformat(text, fmt, ap);
     va_end(ap);
-    if (g_model.echoDebug)
-        fwrite(g_model.debugText.data() + before, 1, g_model.debugText.size() - before, stdout);
+    if (g_model.echoDebug) {
+        fwrite(text.data(), 1, text.size(), stdout);
+        fflush(stdout);
+    }
+    if (g_model.record)
+        g_model.debugText += text;
 }
 
 int ipsgIfGetApi(uint32_t ifIndex, uint32_t cmd, void *reply)
@@ -423,7 +440,8 @@ int deftinstall_client_entry_callback(void *record, void *a, void *b)
     SimDeftinstallCall call{{}, a, b};
     if (record)
         call.record.assign(static_cast<uint8_t *>(record), static_cast<uint8_t *>(record) + 28);
-    g_model.deftinstallCalls.push_back(call);
+    if (g_model.record)
+        g_model.deftinstallCalls.push_back(call);
     return g_model.onDeftinstall ? g_model.onDeftinstall(record, a, b) : 0;
 }
 

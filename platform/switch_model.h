@@ -106,6 +106,14 @@ struct SwitchModel {
     std::vector<SimDeftinstallCall> deftinstallCalls;
     int segFaultHandlerInstalled = 0;
     bool echoDebug = false; /* also write debug text to standard output */
+    /* Keep the records above.  A long-running daemon turns this off so that
+     * nothing grows; the hooks below still see every effect. */
+    bool record = true;
+
+    /* Effects a host platform carries out (each optional). */
+    std::function<int(uint32_t ifIndex, uint32_t cmd, uint32_t word)> onTrap;
+    std::function<void(uint32_t ifIndex, uint32_t op, const uint8_t *record44)> onHwUser;
+    std::function<void(const std::string &line)> onLog;
 
     /* Called for every qorHwScalarSync after it is recorded; its result is
      * the call's result (used to carry sync buffers to a peer). */

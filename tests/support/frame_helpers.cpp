@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "dhcpsnoop_msg.h"
+
 namespace {
 
 void push16(std::vector<uint8_t> &v, uint32_t x)
@@ -176,4 +178,44 @@ void fill_rxpkt(DhcpsnoopRxPkt &rx, const std::vector<uint8_t> &frame, Dhcpsnoop
     rx.innerVid = innerVid;
     rx.l2HdrLen = l2HdrLen;
     rx.etherType = etherType;
+}
+
+std::vector<Dhcp4Option> dhcp4_options(const uint8_t *frame, size_t frameLen, size_t l2Len)
+{
+    std::vector<Dhcp4Option> out;
+    size_t at = dhcp4_options_at(frame, l2Len);
+    size_t end = at - 240 - 8 + dhcp4_udp_len(frame, l2Len);
+    if (end > frameLen)
+        end = frameLen;
+    while (at < end) {
+        uint8_t code = frame[at];
+        if (code == 0) {
+            at++;
+            continue;
+        }
+        if (code == 255) {
+            out.push_back({255, {}});
+            break;
+        }
+        if (at + 1 >= end)
+            break;
+        size_t len = frame[at + 1];
+        size_t stop = at + 2 + len < end ? at + 2 + len : end;
+        out.push_back({code, std::vector<uint8_t>(frame + at + 2, frame + stop)});
+        at += 2 + len;
+    }
+    return out;
+}
+
+std::vector<uint8_t> ParsedFrame::bytes() const
+{
+    size_t n = info.frameLen < sizeof rx.data ? info.frameLen : sizeof rx.data;
+    return std::vector<uint8_t>(rx.data, rx.data + n);
+}
+
+int parse_frame(ParsedFrame &pf, const std::vector<uint8_t> &frame, DhcpsnoopIf *ifp,
+                uint16_t outerVid, uint16_t innerVid, size_t l2Len)
+{
+    fill_rxpkt(pf.rx, frame, ifp, ifp ? ifp->ifIndex : 0, outerVid, innerVid, uint16_t(l2Len));
+    return dhcpsnoop_packet_parse(&pf.rx, &pf.info, 1);
 }

@@ -46,9 +46,30 @@ uint16_t dhcp4_ip_total(const uint8_t *frame, size_t l2Len);
 // Offset of the first option byte (after the magic cookie) in a frame.
 size_t dhcp4_options_at(const uint8_t *frame, size_t l2Len);
 
+// Options of the message in order, pads skipped, up to and including an end
+// option (code 255, no data); bounded by the UDP length field and the frame.
+struct Dhcp4Option {
+    uint8_t code;
+    std::vector<uint8_t> data;
+    bool operator==(const Dhcp4Option &o) const { return code == o.code && data == o.data; }
+};
+std::vector<Dhcp4Option> dhcp4_options(const uint8_t *frame, size_t frameLen, size_t l2Len);
+
 // Fill an rx record as the main loop would.
 void fill_rxpkt(DhcpsnoopRxPkt &rx, const std::vector<uint8_t> &frame, DhcpsnoopIf *ifp,
                 uint32_t ifIndex, uint16_t outerVid, uint16_t innerVid, uint16_t l2HdrLen,
                 uint16_t etherType = 0x0800);
+
+// A frame parsed in place: the record points into `rx`, so keep both together.
+struct ParsedFrame {
+    DhcpsnoopRxPkt rx;
+    DhcpsnoopPktInfo info;
+    // The frame as it now stands (frameLen bytes).
+    std::vector<uint8_t> bytes() const;
+};
+// Parse `frame` received on `ifp` (its ifIndex; outer VLAN `outerVid`);
+// returns the parser's result.
+int parse_frame(ParsedFrame &pf, const std::vector<uint8_t> &frame, DhcpsnoopIf *ifp,
+                uint16_t outerVid = 0, uint16_t innerVid = 0, size_t l2Len = 14);
 
 #endif

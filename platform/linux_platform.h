@@ -1,0 +1,88 @@
+/*
+ * The Linux platform: the switch model filled from a stock Linux host and a
+ * small configuration file, and the system-call seam adapted to a stock
+ * kernel.  Used by dhcpsnoopd on a plain Linux box.
+ */
+#ifndef DHCPSNOOP_LINUX_PLATFORM_H
+#define DHCPSNOOP_LINUX_PLATFORM_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "dhcpsnoop_sys.h"
+
+struct LinuxPortConfig {
+    std::string name;
+    uint16_t pvid = 1;
+    bool tagged = false;
+    std::vector<uint16_t> vlans;
+    bool router = false;
+    uint16_t tpid = 0x8100;
+    bool excluded = false;
+};
+
+struct LinuxFeatureConfig {
+    std::string port; /* a port name, or empty for a VLAN */
+    uint16_t vlan = 0;
+    uint8_t items = 0;
+};
+
+struct LinuxConfig {
+    std::vector<LinuxPortConfig> ports;
+    std::map<uint16_t, std::string> vlanInterfaces; /* VID -> name */
+    std::string role = "none";
+    std::string peer;
+    std::vector<LinuxFeatureConfig> ipsg, dai;
+    std::string hostname;
+    std::string hardwareState = "/run/dhcpsnoop/hardware";
+    bool nftables = true;
+};
+
+/* Index of the VLAN interface of a VID in the switch model. */
+constexpr uint32_t LINUX_VLAN_IF_BASE = 1000000;
+
+/* Parse a configuration text.  Returns 0, or -1 with `error` naming the
+ * line and what is wrong with it. */
+int linux_config_parse(const std::string &text, LinuxConfig &out, std::string &error);
+
+/* Fill the switch model from the configuration (DHCPSNOOP_CONFIG, default
+ * /etc/dhcpsnoop.conf; every non-loopback interface when it is absent) and
+ * the kernel, connect the model's effects to the host (nftables traps,
+ * hardware state file, system log, peer transport) and install the stock
+ * kernel's system-call seam.  Returns 0, or -1 after printing why. */
+int linux_platform_init(void);
+
+/* The PVID of a port of the model (1 when unknown). */
+uint16_t linux_port_pvid(uint32_t ifIndex);
+
+/* ---- the stock kernel's side of the system-call seam ---- */
+
+/* The packet-information payload the daemon expects, built from what a
+ * stock kernel tells about a frame. */
+struct LinuxRxInfo {
+    uint32_t ingress;
+    uint16_t outerVid, innerVid;
+    uint8_t l2HdrLen;
+};
+
+/* Turn a frame as a stock kernel hands it to a packet socket into the frame
+ * the switch would have trapped: a VLAN tag the kernel took off (vlanValid,
+ * tci, tpid) is put back, a UDP checksum the kernel left for the hardware
+ * (csumNotReady) is completed.  `frame` has room for `room` bytes; returns
+ * the new length and fills `info` (untagged frames get the port's PVID). */
+uint32_t linux_adapt_frame(uint8_t *frame, uint32_t len, uint32_t room, bool vlanValid,
+                           uint16_t tci, uint16_t tpid, bool csumNotReady, uint32_t ingress,
+                           uint16_t pvid, uint16_t portTpid, LinuxRxInfo &info);
+
+/* Make a stock kernel's link messages harmless to the platform's event
+ * handling: attributes whose numbers the platform uses for aggregation
+ * events are renamed.  Walks the datagram in place. */
+void linux_filter_netlink(uint8_t *buf, size_t len);
+
+const DhcpsnoopSysOps *linux_sys_ops(void);
+/* The command socket's path: DHCPSNOOP_SOCKET or the daemon's default. */
+const char *linux_socket_path(void);
+
+#endif

@@ -1,0 +1,377 @@
+/*
+ * The system-call seam on a stock Linux kernel.
+ *
+ * The switch kernel traps DHCP to two protocol-bound packet sockets and
+ * attaches a packet-information message to every frame.  A stock kernel
+ * does neither: a socket bound to ETH_P_IP gets 802.1Q frames with the tag
+ * removed and no VLAN in the auxiliary data, and on bridged ports only the
+ * bridge sees them.  So the data sockets listen on ETH_P_ALL with a kernel
+ * filter, the auxiliary data is turned into the packet-information message,
+ * a stripped tag is put back, a checksum left to the hardware is completed
+ * and the daemon's own transmissions are not read back.
+ */
+#include <arpa/inet.h>
+#include <errno.h>
+#include <linux/filter.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "dhcpsnoop.h"
+#include "linux_platform.h"
+#include "switch_model.h"
+
+namespace {
+
+constexpr int SOL_PACKET_LEVEL = 263;
+constexpr int PACKET_INFO_OPTION = 20;
+constexpr size_t PKTINFO_SIZE = 28;
+constexpr int MAX_SKIPPED = 64;
+
+enum class Family { None, V4, V6 };
+constexpr int MAX_FD = 1024;
+Family dataFamily[MAX_FD];
+bool netlinkFd[MAX_FD];
+
+Family family_of(int fd) { return fd >= 0 && fd < MAX_FD ? dataFamily[fd] : Family::None; }
+
+uint16_t be16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
+void put16(uint8_t *p, uint32_t v)
+{
+    p[0] = uint8_t(v >> 8);
+    p[1] = uint8_t(v);
+}
+
+/* Accept IPv4 (resp. IPv6) UDP frames for the DHCP ports, untagged or behind
+ * one tag left in the data (the kernel usually takes the outer tag off). */
+int attach_filter(int fd, Family f)
+{
+    const uint16_t ethType = f == Family::V4 ? ETH_P_IP : ETH_P_IPV6;
+    const uint32_t p1 = f == Family::V4 ? 67 : 546, p2 = f == Family::V4 ? 68 : 547;
+    std::vector<sock_filter> code;
+    auto add = [&](uint16_t c, uint8_t jt, uint8_t jf, uint32_t k) {
+        code.push_back(sock_filter{c, jt, jf, k});
+    };
+    /* 0 */ add(BPF_LD | BPF_H | BPF_ABS, 0, 0, 12);
+    /* 1 */ add(BPF_JMP | BPF_JEQ | BPF_K, 3, 0, ethType);   /* untagged: 5 */
+    /* 2 */ add(BPF_JMP | BPF_JEQ | BPF_K, 0, 0, ETH_P_8021Q); /* else drop */
+    /* 3 */ add(BPF_LD | BPF_H | BPF_ABS, 0, 0, 16);
+    /* 4 */ add(BPF_JMP | BPF_JEQ | BPF_K, 2, 0, ethType);   /* tagged: 7 */
+    /* 5 */ add(BPF_LDX | BPF_IMM, 0, 0, 14);                /* X = L3 offset */
+    /* 6 */ add(BPF_JMP | BPF_JA, 0, 0, 1);
+    /* 7 */ add(BPF_LDX | BPF_IMM, 0, 0, 18);
+    /* the transport ports sit behind a 20-byte IPv4 header or a 40-byte
+     * IPv6 header; options or extension headers are left to the daemon */
+    const uint32_t l4 = f == Family::V4 ? 20 : 40;
+    /* 8 */ add(BPF_LD | BPF_H | BPF_IND, 0, 0, l4);         /* source port */
+    /* 9 */ add(BPF_JMP | BPF_JGE | BPF_K, 0, 2, p1);
+    /* 10 */ add(BPF_JMP | BPF_JGT | BPF_K, 1, 0, p2);
+    /* 11 */ add(BPF_RET | BPF_K, 0, 0, 0xFFFF);
+    /* 12 */ add(BPF_LD | BPF_H | BPF_IND, 0, 0, l4 + 2);    /* destination port */
+    /* 13 */ add(BPF_JMP | BPF_JGE | BPF_K, 0, 2, p1);
+    /* 14 */ add(BPF_JMP | BPF_JGT | BPF_K, 1, 0, p2);
+    /* 15 */ add(BPF_RET | BPF_K, 0, 0, 0xFFFF);
+    /* 16 */ add(BPF_RET | BPF_K, 0, 0, 0);
+    /* fix the jumps that lead to the final drop */
+    code[2].jf = uint8_t(16 - 3);
+    code[4].jf = uint8_t(16 - 5);
+    code[10].jt = uint8_t(12 - 11);
+    code[9].jf = uint8_t(12 - 10);
+    code[14].jt = uint8_t(16 - 15);
+    code[13].jf = uint8_t(16 - 14);
+    struct sock_fprog prog = {uint16_t(code.size()), code.data()};
+    return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog);
+}
+
+int l_socket(int domain, int type, int protocol)
+{
+    if (domain == AF_PACKET && type == SOCK_RAW &&
+        (protocol == htons(ETH_P_IP) || protocol == htons(ETH_P_IPV6))) {
+        Family f = protocol == htons(ETH_P_IP) ? Family::V4 : Family::V6;
+        int fd = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL));
+        if (fd < 0)
+            return fd;
+        int one = 1;
+        if (fd >= MAX_FD || attach_filter(fd, f) < 0 ||
+            setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &one, sizeof one) < 0) {
+            int e = errno;
+            close(fd);
+            errno = e;
+            return -1;
+        }
+        dataFamily[fd] = f;
+        return fd;
+    }
+    int fd = socket(domain, type, protocol);
+    if (fd >= 0 && fd < MAX_FD)
+        netlinkFd[fd] = domain == AF_NETLINK;
+    return fd;
+}
+
+int l_setsockopt(int fd, int level, int name, const void *value, socklen_t len)
+{
+    /* the packet information is made here from the auxiliary data */
+    if (family_of(fd) != Family::None && level == SOL_PACKET_LEVEL && name == PACKET_INFO_OPTION)
+        return 0;
+    if (fd >= 0 && fd < MAX_FD && netlinkFd[fd] && level == SOL_NETLINK &&
+        name == NETLINK_ADD_MEMBERSHIP && value && len >= sizeof(int)) {
+        int group;
+        memcpy(&group, value, sizeof group);
+        /* link events are the stock kernel's link group; the platform's own
+         * groups do not exist here and have nothing to deliver */
+        if (group != RTNLGRP_LINK)
+            return 0;
+    }
+    return setsockopt(fd, level, name, value, len);
+}
+
+/* The daemon's command socket path, moved where DHCPSNOOP_SOCKET says. */
+const struct sockaddr *remap_unix(const struct sockaddr *addr, socklen_t len, struct sockaddr_un &tmp)
+{
+    if (!addr || addr->sa_family != AF_UNIX || len < sizeof(sa_family_t))
+        return addr;
+    const auto *un = reinterpret_cast<const struct sockaddr_un *>(addr);
+    if (strncmp(un->sun_path, DHCPSNOOP_CMD_SOCKET_PATH, sizeof un->sun_path) != 0)
+        return addr;
+    memset(&tmp, 0, sizeof tmp);
+    tmp.sun_family = AF_UNIX;
+    strncpy(tmp.sun_path, linux_socket_path(), sizeof tmp.sun_path - 1);
+    return reinterpret_cast<const struct sockaddr *>(&tmp);
+}
+
+int l_bind(int fd, const struct sockaddr *addr, socklen_t len)
+{
+    struct sockaddr_un tmp;
+    return bind(fd, remap_unix(addr, len, tmp), len);
+}
+
+int l_unlink(const char *path)
+{
+    if (path && strcmp(path, DHCPSNOOP_CMD_SOCKET_PATH) == 0)
+        path = linux_socket_path();
+    return unlink(path);
+}
+
+int l_ioctl(int fd, unsigned long request, int *arg) { return ioctl(fd, request, arg); }
+
+/* Write the packet-information message into the caller's control room. */
+void put_packet_info(struct msghdr *msg, const LinuxRxInfo &info)
+{
+    uint8_t payload[PKTINFO_SIZE] = {0};
+    memcpy(payload, &info.ingress, 4);
+    memcpy(payload + 20, &info.outerVid, 2);
+    memcpy(payload + 22, &info.innerVid, 2);
+    payload[24] = info.l2HdrLen;
+    if (!msg->msg_control || msg->msg_controllen < CMSG_SPACE(sizeof payload)) {
+        msg->msg_flags |= MSG_CTRUNC;
+        msg->msg_controllen = 0;
+        return;
+    }
+    struct cmsghdr *c = CMSG_FIRSTHDR(msg);
+    c->cmsg_level = SOL_PACKET_LEVEL;
+    c->cmsg_type = 0;
+    c->cmsg_len = CMSG_LEN(sizeof payload);
+    memcpy(CMSG_DATA(c), payload, sizeof payload);
+    msg->msg_controllen = CMSG_SPACE(sizeof payload);
+}
+
+ssize_t l_recvmsg(int fd, struct msghdr *msg, int flags)
+{
+    if (family_of(fd) == Family::None)
+        return recvmsg(fd, msg, flags);
+    for (int i = 0; i < MAX_SKIPPED; i++) {
+        uint8_t frame[DHCPSNOOP_FRAME_MAX + 4];
+        alignas(struct cmsghdr) uint8_t control[256];
+        struct sockaddr_ll ll;
+        struct iovec iov = {frame, DHCPSNOOP_FRAME_MAX};
+        struct msghdr m;
+        memset(&m, 0, sizeof m);
+        memset(&ll, 0, sizeof ll);
+        m.msg_name = &ll;
+        m.msg_namelen = sizeof ll;
+        m.msg_iov = &iov;
+        m.msg_iovlen = 1;
+        m.msg_control = control;
+        m.msg_controllen = sizeof control;
+        /* only the first read may wait: select said a frame is there */
+        ssize_t n = recvmsg(fd, &m, flags | (i ? MSG_DONTWAIT : 0));
+        if (n <= 0)
+            return n;
+        if (ll.sll_pkttype == PACKET_OUTGOING)
+            continue; /* our own transmissions, and the host's */
+        uint32_t ingress = uint32_t(ll.sll_ifindex);
+        auto port = sim_model().ports.find(ingress);
+        if (port == sim_model().ports.end() || port->second.isVlanIf)
+            continue; /* not a switch port */
+
+        bool vlanValid = false, csumNotReady = false;
+        uint16_t tci = 0, tpid = 0;
+        for (struct cmsghdr *c = CMSG_FIRSTHDR(&m); c; c = CMSG_NXTHDR(&m, c)) {
+            if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA ||
+                c->cmsg_len < CMSG_LEN(sizeof(struct tpacket_auxdata)))
+                continue;
+            struct tpacket_auxdata aux;
+            memcpy(&aux, CMSG_DATA(c), sizeof aux);
+            vlanValid = (aux.tp_status & TP_STATUS_VLAN_VALID) || aux.tp_vlan_tci != 0;
+            csumNotReady = aux.tp_status & TP_STATUS_CSUMNOTREADY;
+            tci = aux.tp_vlan_tci;
+            tpid = (aux.tp_status & TP_STATUS_VLAN_TPID_VALID) ? aux.tp_vlan_tpid : 0;
+        }
+        uint16_t portTpid = port->second.tpid ? port->second.tpid : 0x8100;
+        LinuxRxInfo info;
+        uint32_t len = linux_adapt_frame(frame, uint32_t(n), sizeof frame, vlanValid, tci, tpid,
+                                         csumNotReady, ingress, linux_port_pvid(ingress), portTpid,
+                                         info);
+        size_t room = msg->msg_iovlen ? msg->msg_iov[0].iov_len : 0;
+        len = uint32_t(std::min<size_t>(len, room));
+        memcpy(msg->msg_iov[0].iov_base, frame, len);
+        msg->msg_flags = 0;
+        if (msg->msg_name && msg->msg_namelen >= sizeof ll) {
+            memcpy(msg->msg_name, &ll, sizeof ll);
+            msg->msg_namelen = sizeof ll;
+        }
+        put_packet_info(msg, info);
+        return ssize_t(len);
+    }
+    errno = EAGAIN;
+    return -1;
+}
+
+ssize_t l_recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *addr,
+                   socklen_t *alen)
+{
+    ssize_t n = recvfrom(fd, buf, len, flags, addr, alen);
+    if (n > 0 && fd >= 0 && fd < MAX_FD && netlinkFd[fd])
+        linux_filter_netlink(static_cast<uint8_t *>(buf), size_t(n));
+    return n;
+}
+
+time_t l_time(time_t *t) { return time(t); }
+double l_difftime(time_t a, time_t b) { return difftime(a, b); }
+
+const DhcpsnoopSysOps linux_ops = {
+    l_socket, l_setsockopt, l_bind,   listen,     accept, l_unlink, close,
+    l_ioctl,  select,       l_recvmsg, l_recvfrom, recv,  sendto,   sendmsg,
+    l_time,   l_difftime,   calloc,   free,
+};
+
+/* Internet checksum of a pseudo-header sum plus bytes. */
+uint16_t fold(uint32_t sum, const uint8_t *p, size_t n)
+{
+    for (size_t i = 0; i + 1 < n; i += 2)
+        sum += be16(p + i);
+    if (n & 1)
+        sum += uint32_t(p[n - 1]) << 8;
+    while (sum >> 16)
+        sum = (sum & 0xFFFF) + (sum >> 16);
+    return uint16_t(~sum);
+}
+
+void complete_udp_checksum(uint8_t *frame, uint32_t len, uint32_t l3)
+{
+    if (l3 + 1 > len)
+        return;
+    uint8_t *ip = frame + l3;
+    uint32_t sum = 0;
+    uint8_t *udp;
+    if ((ip[0] >> 4) == 4) {
+        uint32_t ihl = (ip[0] & 0x0F) * 4u;
+        if (l3 + ihl + 8 > len || ip[9] != 17)
+            return;
+        udp = ip + ihl;
+        for (int i = 12; i < 20; i += 2)
+            sum += be16(ip + i);
+    } else if ((ip[0] >> 4) == 6) {
+        if (l3 + 48 > len || ip[6] != 17)
+            return;
+        udp = ip + 40;
+        for (int i = 8; i < 40; i += 2)
+            sum += be16(ip + i);
+    } else {
+        return;
+    }
+    uint32_t udpLen = be16(udp + 4);
+    if (udpLen < 8 || size_t(udp - frame) + udpLen > len)
+        return;
+    sum += 17 + udpLen;
+    put16(udp + 6, 0);
+    uint16_t ck = fold(sum, udp, udpLen);
+    put16(udp + 6, ck ? ck : 0xFFFF);
+}
+
+} // namespace
+
+uint32_t linux_adapt_frame(uint8_t *frame, uint32_t len, uint32_t room, bool vlanValid,
+                           uint16_t tci, uint16_t tpid, bool csumNotReady, uint32_t ingress,
+                           uint16_t pvid, uint16_t portTpid, LinuxRxInfo &info)
+{
+    if (vlanValid && len >= 12 && len + 4 <= room) {
+        memmove(frame + 16, frame + 12, len - 12);
+        put16(frame + 12, tpid ? tpid : 0x8100);
+        put16(frame + 14, tci);
+        len += 4;
+    }
+    /* count the tags in front of the payload, at most two */
+    uint32_t off = 12;
+    uint16_t vids[2] = {0, 0};
+    int tags = 0;
+    while (tags < 2 && off + 4 <= len) {
+        uint16_t t = be16(frame + off);
+        if (t != 0x8100 && t != 0x88A8 && t != portTpid)
+            break;
+        vids[tags++] = be16(frame + off + 2) & 0x0FFF;
+        off += 4;
+    }
+    info.ingress = ingress;
+    info.outerVid = tags ? vids[0] : pvid;
+    info.innerVid = tags > 1 ? vids[1] : 0;
+    info.l2HdrLen = uint8_t(off + 2);
+    if (csumNotReady)
+        complete_udp_checksum(frame, len, off + 2);
+    return len;
+}
+
+void linux_filter_netlink(uint8_t *buf, size_t len)
+{
+    size_t off = 0;
+    while (off + sizeof(struct nlmsghdr) <= len) {
+        struct nlmsghdr h;
+        memcpy(&h, buf + off, sizeof h);
+        if (h.nlmsg_len < sizeof h || h.nlmsg_len > len - off)
+            return;
+        if (h.nlmsg_type == RTM_NEWLINK) {
+            size_t a = off + 32; /* header and interface information */
+            size_t end = off + h.nlmsg_len;
+            while (a + 4 <= end) {
+                uint16_t alen, atype;
+                memcpy(&alen, buf + a, 2);
+                memcpy(&atype, buf + a + 2, 2);
+                if (alen < 4 || alen > end - a)
+                    break;
+                uint16_t t = atype & 0x3FFF;
+                if (t == 38 || t == 49 || t == 52 || t == 53) {
+                    uint16_t renamed = 0x3FFF;
+                    memcpy(buf + a + 2, &renamed, 2);
+                }
+                a += (size_t(alen) + 3) & ~size_t(3);
+            }
+        }
+        off += (size_t(h.nlmsg_len) + 3) & ~size_t(3);
+    }
+}
+
+const DhcpsnoopSysOps *linux_sys_ops(void) { return &linux_ops; }
+
+const char *linux_socket_path(void)
+{
+    const char *p = getenv("DHCPSNOOP_SOCKET");
+    return p && *p ? p : DHCPSNOOP_CMD_SOCKET_PATH;
+}
