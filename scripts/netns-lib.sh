@@ -286,7 +286,7 @@ dnsmasq_v4() {
   in_ns "$nsn" ip addr add "$addr" dev "$ifn"
   bg_ns "$nsn" "$log.stderr" dnsmasq --keep-in-foreground --conf-file=/dev/null --port=0 \
     --user=root --group=root --interface="$ifn" --bind-interfaces --except-interface=lo \
-    --dhcp-range="$lo,$hi,$lease" --dhcp-authoritative --log-dhcp --log-facility="$log" \
+    --dhcp-range="$lo,$hi,$lease" --dhcp-authoritative --no-ping --log-dhcp --log-facility="$log" \
     --dhcp-leasefile="$dir/dnsmasq-$nsn-$ifn.leases" --pid-file="$dir/dnsmasq-$nsn-$ifn.pid" "$@"
   wait_for 10 "dnsmasq in $nsn to start" grep -q "started" "$log"
 }
@@ -442,4 +442,60 @@ json_get() {
 j = json.load(sys.stdin)
 r = eval(sys.argv[1])
 print("" if r is None else r)' "$1"
+}
+
+# ---------------------------------------------------------------- the lab
+
+# lab_switch NS PORT...: the switch's namespace holds a kernel bridge br0 over
+# its ports, so that everything but DHCP crosses the switch the ordinary way;
+# dhcpsnoopd keeps DHCP from the bridge and forwards it itself.
+lab_switch() {
+  local nsn=$1 p; shift
+  in_ns "$nsn" ip link add br0 type bridge
+  in_ns "$nsn" ip link set br0 up
+  for p in "$@"; do
+    in_ns "$nsn" ip link set "$p" master br0
+  done
+}
+
+# lab_mirror_dhcp NS FROM TO: copy the DHCP client broadcasts arriving on
+# port FROM out of port TO, as a hub between client and switch would, so
+# that a rogue server behind TO hears the client and answers it (its answers
+# are what the switch must stop).
+lab_mirror_dhcp() {
+  local nsn=$1 from=$2 to=$3
+  in_ns "$nsn" tc qdisc add dev "$from" ingress
+  in_ns "$nsn" tc filter add dev "$from" ingress protocol ip u32 \
+    match ip dport 67 0xffff action mirred egress mirror dev "$to"
+}
+
+# lab_v4 SOCK: the DHCPv4 lab.  Namespaces sw (the switch), cl (a client),
+# srv (the DHCP server), rog (a rogue DHCP server); veth pairs swc--cl/eth0,
+# sws--srv/eth0, swr--rog/eth0; the daemon's configuration in
+# $NL_TMP/dhcpsnoop.conf.  The client's MAC is CLIENT_MAC.
+CLIENT_MAC=02:00:00:00:00:11
+lab_v4() {
+  nl_ns sw cl srv rog
+  nl_link sw swc cl eth0 "$CLIENT_MAC"
+  nl_link sw sws srv eth0 02:00:00:00:00:51
+  nl_link sw swr rog eth0 02:00:00:00:00:66
+  lab_switch sw swc sws swr
+  lab_mirror_dhcp sw swc swr
+  ds_config "$NL_TMP/dhcpsnoop.conf" \
+    "port swc pvid 1" "port sws pvid 1" "port swr pvid 1" \
+    "hostname e2e-switch" "hardware-state $NL_TMP/hardware"
+}
+
+# lab_snoop SOCK CIRCUIT REMOTE: snooping on, the three ports enabled, the
+# server's port trusted, option 82 on the client's port with the texts given.
+lab_snoop() {
+  local sock=$1 circ=$2 rem=$3
+  ctl_show sw "$sock" global enable on &&
+    ctl_show sw "$sock" interface swc enable on &&
+    ctl_show sw "$sock" interface sws enable on &&
+    ctl_show sw "$sock" interface swr enable on &&
+    ctl_show sw "$sock" interface sws trust on &&
+    ctl_show sw "$sock" interface swc option82 on &&
+    ctl_show sw "$sock" interface swc option82 circuit-id text "$circ" &&
+    ctl_show sw "$sock" interface swc option82 remote-id text "$rem"
 }
