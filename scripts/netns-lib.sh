@@ -327,12 +327,14 @@ dnsmasq_v6() {
 
 # ---------------------------------------------------------------- capture
 
-# cap_start NS IF FILE: tshark writing what crosses IF to FILE; waits until
-# it captures.  Pid in NL_LAST_PID; stop with cap_stop PID.
+# cap_start NS IF FILE: tshark's capture engine (dumpcap) writing what
+# crosses IF to FILE; waits until it captures.  Pid in CAP_PID; stop with
+# cap_stop PID.  dumpcap is run itself rather than under tshark so that the
+# file is complete when the process we wait for has ended.
 cap_start() {
   local nsn=$1 ifn=$2 file=$3
-  bg_ns "$nsn" "$file.log" tshark -n -i "$ifn" -F pcap -w "$file"
-  wait_for 20 "tshark on $nsn/$ifn to start" grep -q "Capturing on" "$file.log" || return 1
+  bg_ns "$nsn" "$file.log" dumpcap -q -i "$ifn" -P -w "$file"
+  wait_for 20 "the capture on $nsn/$ifn to start" grep -q "Capturing on" "$file.log" || return 1
   CAP_PID=$NL_LAST_PID
 }
 
