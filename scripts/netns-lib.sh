@@ -87,7 +87,9 @@ nl_init() {
 # runs inside its own namespaces, then the namespaces and the temp directory.
 nl_cleanup() {
   local rc=$? pid ns i
-  trap - EXIT INT TERM
+  # A second signal must not cut the cleanup short.
+  trap - EXIT
+  trap '' INT TERM
   for pid in "${NL_PIDS[@]}"; do
     kill -TERM "$pid" 2>/dev/null
   done
