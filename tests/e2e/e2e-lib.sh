@@ -46,3 +46,7 @@ e2e_logs() {
     tail -n 25 "$f"
   done
 }
+
+# check_alive WHAT PID: a daemon of ours is still running (a crash on any of
+# the frames it handled would have ended it).
+check_alive() { check "$1 is still running" kill -0 "$2"; }

@@ -18,7 +18,10 @@ REMOTE="e2e-switch-remote"
 SOCK=$NL_TMP/dhcpsnoop.sock
 REC=$NL_TMP/lease
 lab_v4
-ds_start sw "$NL_TMP/dhcpsnoop.conf" "$SOCK" "$NL_TMP/dhcpsnoopd.log" 0 0 || exit 1
+# IP source guard on the client's port, checking IP, MAC, VLAN and port; the
+# daemon is started with its source-guard and ARP-inspection hooks.
+echo "ipsg swc items 0xf0" >>"$NL_TMP/dhcpsnoop.conf"
+ds_start sw "$NL_TMP/dhcpsnoop.conf" "$SOCK" "$NL_TMP/dhcpsnoopd.log" 0 0 1 1 0 || exit 1
 NL_QUIET=1 lab_snoop "$SOCK" "$CIRCUIT" "$REMOTE" || nl_die "configuring the daemon failed"
 
 cap_start srv eth0 "$NL_TMP/server.pcap" || exit 1; CAP_SRV=$CAP_PID
@@ -54,6 +57,10 @@ check_eq "binding VLAN" 1 "$(json_get "$sel[0]['vlan']" <<<"$B")"
 check_eq "binding lease time" 600 "$(json_get "$sel[0]['lease']" <<<"$B")"
 check_eq "binding type and state" "dynamic bound" "$(json_get "$sel[0]['type'] + ' ' + $sel[0]['state']" <<<"$B")"
 check_eq "no other binding" 1 "$(json_get 'len(j)' <<<"$B")"
+# The binding is handed to the hardware as a source-guard rule (the host
+# platform writes what it was handed to a file).
+hw_has() { grep -q "^swc $ip $CLIENT_MAC 1 ipsg" "$NL_TMP/hardware"; }
+check "the binding was handed to the hardware as a source-guard rule" wait_for 5 "the hardware entry" hw_has
 
 # The rogue heard the client and answered; none of it passed.
 check "the rogue server answered the client (so there was something to stop)" \
@@ -71,6 +78,7 @@ else
 fi
 check "the client's RELEASE removed the binding" \
   wait_for 15 "the binding of $ip to go" no_binding_for "$SOCK" "$ip"
+check "the hardware entry went with it" wait_for 5 "the hardware entry to go" eval '! hw_has'
 wait_for 10 "the RELEASE at the server" grep -qi "release" "$NL_TMP/server.log"
 sleep 0.5  # let the last frames reach the captures before they stop
 cap_stop "$CAP_SRV"; cap_stop "$CAP_CL"
@@ -100,4 +108,5 @@ check_eq "nothing from the rogue reaches the client" 0 \
 check "the client never held a rogue address" \
   bash -c "! grep -q '10\.66\.' '$REC' '$REC.events' 2>/dev/null"
 
+check_alive dhcpsnoopd "$DS_PID"
 nl_summary

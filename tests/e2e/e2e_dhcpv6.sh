@@ -73,4 +73,5 @@ check_eq "no message on the client's link carries option 18 or 37" 0 \
 check_eq "replies at the client have valid UDP checksums" 0 \
   "$(cap_count "$NL_TMP/client.pcap" "m['v'] == 6 and m['type'] in ('ADVERTISE', 'REPLY') and m['csum_ok'] is not True")"
 
+check_alive dhcpsnoopd "$DS_PID"
 nl_summary

@@ -70,4 +70,5 @@ check_eq "each from $RELAY to port 68, without option 82, checksum valid" "$r" \
 check_eq "the ACK carries the address the client took" 1 \
   "$(cap_count "$NL_TMP/client.pcap" "m['type'] == 'ACK' and m['yiaddr'] == '$ip'")"
 
+check_alive dhcpsnoopd "$DS_PID"
 nl_summary

@@ -19,7 +19,9 @@ ds_config "$NL_TMP/slave.conf" "role slave" "hostname e2e-standby" "hardware-sta
 ds_config "$NL_TMP/master.conf" "port swc" "port sws" "role master" "peer $SSOCK" \
   "hostname e2e-switch" "hardware-state $NL_TMP/hardware-master"
 ds_start standby "$NL_TMP/slave.conf" "$SSOCK" "$NL_TMP/slave.log" 0 0 || exit 1
+SLAVE_PID=$DS_PID
 ds_start sw "$NL_TMP/master.conf" "$MSOCK" "$NL_TMP/master.log" 0 0 || exit 1
+MASTER_PID=$DS_PID
 for c in "global enable on" "interface swc enable on" "interface sws enable on" \
   "interface sws trust on"; do
   # shellcheck disable=SC2086
@@ -49,4 +51,6 @@ check "the deletion followed on the slave" \
   wait_for 15 "the binding to go on the slave" no_binding_for "$SSOCK" "$ip" standby
 check_eq "the slave is empty again" 0 "$(binding_count "$SSOCK" standby)"
 
+check_alive "the master" "$MASTER_PID"
+check_alive "the slave" "$SLAVE_PID"
 nl_summary

@@ -71,4 +71,5 @@ check_eq "every reply on the client's link is tagged $VID (0x8100)" "$r" \
 check_eq "the ACK on the client's link has no option 82 and a valid checksum" 1 \
   "$(cap_count "$NL_TMP/client.pcap" "m['type'] == 'ACK' and 82 not in m['opts'] and m['csum_ok'] is not False")"
 
+check_alive dhcpsnoopd "$DS_PID"
 nl_summary
