@@ -121,8 +121,12 @@ TEST_F(SyncTest, RecordLayouts)
     EXPECT_EQ(std::vector<uint8_t>(d.begin() + 24, d.end()), std::vector<uint8_t>(36, 0));
 
     auto s = server_record(0xC0A80001, 0x12345, 7, 1);
-    EXPECT_EQ(s, (cat({{2, 1}, {12, 0}, {0x01, 0x00, 0xA8, 0xC0}, {7, 0, 0, 0}, {0x45, 0x23, 0, 0}})))
-        << "host order is little-endian on the build machines";
+    EXPECT_EQ((std::vector<uint8_t>(s.begin(), s.begin() + 2)), (std::vector<uint8_t>{2, 1}));
+    EXPECT_EQ(at<uint16_t>(s, 2), 12);
+    EXPECT_EQ(at<uint32_t>(s, 4), 0xC0A80001u);
+    EXPECT_EQ(at<uint32_t>(s, 8), 7u);
+    EXPECT_EQ(at<uint16_t>(s, 12), 0x2345); /* the VLAN value travels in 16 bits */
+    EXPECT_EQ(at<uint16_t>(s, 14), 0);
 }
 
 TEST_F(SyncTest, SingleChangesTravelAloneToDestinationThree)
@@ -172,10 +176,22 @@ TEST_F(SyncTest, FullCopyFillsBuffersToTheirLimit)
     EXPECT_EQ(at<uint32_t>(bufs[0], 1384), 2u);
     EXPECT_EQ(at<uint32_t>(bufs[1], 4), 1u);
 
+    /* 22 users and 5 servers fill one buffer to the byte */
+    for (uint8_t i = 1; i < 24; i++) {
+        DhcpsnoopUserKey k = v4key(10, 1, 0, i);
+        dhcpsnoop_user_delete(dhcpsnoop_user_lookup(&k));
+    }
+    addUsers(22, 2);
+    for (uint32_t i = 3; i <= 5; i++)
+        dhcpsnoop_server_add(i, 10, 3);
+    model().scalarSyncs.clear();
+    dhcpsnoop_sync_all_send(7, 1);
+    EXPECT_EQ(sentSizes(), (std::vector<size_t>{1400}));
+
     /* servers alone: 87 to a buffer */
     dhcpsnoop_user_process_on_interface(nullptr, 3, 7, 2);
     EXPECT_EQ(user_count(), 0u);
-    for (uint32_t i = 3; i <= 88; i++)
+    for (uint32_t i = 6; i <= 88; i++)
         dhcpsnoop_server_add(i, 10, 3);
     model().scalarSyncs.clear();
     dhcpsnoop_sync_all_send(7, 1);

@@ -55,6 +55,10 @@ TEST_F(PropagationTest, RecordCarriesWhatTheCheckItemsAsk)
         {u, 0x90, false, false, true, true},
         {u, 0x60, true, true, false, false},
         {u, 0x00, false, false, false, false},
+        {u, 0x10, false, false, true, false},
+        {u, 0x80, false, false, false, true},
+        {u, 0x40, true, false, false, false},
+        {u, 0x20, false, true, false, false},
         {v6, 0xF0, true, true, true, true},
     };
     for (auto &c : cases) {
