@@ -120,8 +120,9 @@ void change_check_items(const uint8_t *message, uint32_t length, const CheckRule
             return;
         if (u->hwFlags & rule.hwBit) {
             const uint8_t src = u->*rule.source;
-            const bool withdraw = byVlan ? src == SOURCE_VLAN
-                                         : src == SOURCE_PORT || (src == SOURCE_VLAN && !withdrawOnly);
+            const bool withdraw =
+                byVlan ? src == SOURCE_VLAN
+                       : src == SOURCE_PORT || (src == SOURCE_VLAN && !withdrawOnly);
             if (withdraw && dhcpsnoop_user_state_notify(u, 0, &(u->*rule.items), rule.kind) == 0) {
                 u->*rule.items = 0;
                 u->*rule.source = 0;
