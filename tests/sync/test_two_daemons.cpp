@@ -117,3 +117,21 @@ TEST_F(TwoDaemons, ASlaveThatIsNotASlaveIgnoresTheBuffers)
     exchange();
     EXPECT_EQ(slaveBindings().find("192.0.2.100"), std::string::npos);
 }
+
+TEST_F(TwoDaemons, AFullCopyAfterSubsystemUpRebuildsAnEmptySlave)
+{
+    exchange();
+    /* the slave restarts empty; the master is told its subsystem came up */
+    slave.stop();
+    ASSERT_TRUE(slave.start(dir + "/slave.sock", {CLIENT_PORT, SERVER_PORT}, 1, 0));
+    EXPECT_EQ(slaveBindings().find("192.0.2.100"), std::string::npos);
+    std::vector<uint8_t> up(16, 0);
+    uint32_t len = 16;
+    uint16_t type = 93;
+    memcpy(up.data(), &len, 4);
+    memcpy(up.data() + 4, &type, 2);
+    sys().netlink.push_back(up);
+    dhcpsnoop_main_pass();
+    std::string listed = slaveBindings();
+    EXPECT_NE(listed.find("192.0.2.100"), std::string::npos) << listed;
+}
