@@ -15,6 +15,7 @@
 #include "dhcpsnoop.h"
 #include "dhcpsnoop_notify.h"
 #include "dhcpsnoop_user.h"
+#include "fuzz_state.h"
 #include "switch_model.h"
 
 namespace {
@@ -22,12 +23,6 @@ namespace {
 constexpr uint16_t IF_MAX = 6;
 constexpr uint16_t USER_MAX = 12;
 constexpr uint16_t SERVER_MAX = 2;
-
-void drop_pool(void **pool)
-{
-    free(*pool);
-    *pool = nullptr;
-}
 
 DhcpsnoopIf *snooped(uint32_t ifIndex)
 {
@@ -66,28 +61,7 @@ void binding(uint8_t last, uint8_t type, uint32_t ifIndex, uint16_t vid, uint8_t
 
 void fresh_state()
 {
-    drop_pool(&gDhcpsnoop.ifPool);
-    drop_pool(&gDhcpsnoop.userPool);
-    drop_pool(&gDhcpsnoop.serverPool);
-    memset(&gDhcpsnoop, 0, sizeof gDhcpsnoop);
-    dhcpsnoop_list_init(&gDhcpsnoop.ifList);
-    dhcpsnoop_list_init(&gDhcpsnoop.serverList);
-    for (int i = 0; i < DHCPSNOOP_HASH_SIZE; i++) {
-        dhcpsnoop_list_init(&gDhcpsnoop.userHash[i]);
-        dhcpsnoop_list_init(&gDhcpsnoop.macUserHash[i]);
-    }
-    gDhcpsnoop.ifMax = IF_MAX;
-    gDhcpsnoop.userMax = USER_MAX;
-    gDhcpsnoop.serverMax = SERVER_MAX;
-    gDhcpsnoop.dataSock = gDhcpsnoop.data6Sock = gDhcpsnoop.udpSock = -1;
-    gDhcpsnoop.cmdSock = gDhcpsnoop.rtSock = -1;
-    if (dhcpsnoop_memlist_init(&gDhcpsnoop.ifFreeList, &gDhcpsnoop.ifPool, sizeof(DhcpsnoopIf),
-                               IF_MAX) != 0 ||
-        dhcpsnoop_memlist_init(&gDhcpsnoop.userFreeList, &gDhcpsnoop.userPool,
-                               sizeof(DhcpsnoopUser), USER_MAX) != 0 ||
-        dhcpsnoop_memlist_init(&gDhcpsnoop.serverFreeList, &gDhcpsnoop.serverPool,
-                               sizeof(DhcpsnoopServer), SERVER_MAX) != 0)
-        abort();
+    fuzz_fresh_state(IF_MAX, USER_MAX, SERVER_MAX);
     gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
     gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
     gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO | DHCPSNOOP_DEBUG_DUMP;
@@ -122,14 +96,6 @@ void fresh_state()
     binding(99, DHCPSNOOP_USER_DYNAMIC, 4, 10, 0, 0);
 }
 
-size_t chain_length(const DhcpsnoopList *head)
-{
-    size_t n = 0;
-    for (const DhcpsnoopList *e = head->next; e != head; e = e->next)
-        n++;
-    return n;
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
@@ -158,10 +124,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     /* every entry is in its table or free, nothing twice */
     size_t users = 0;
     for (auto &h : gDhcpsnoop.userHash)
-        users += chain_length(&h);
-    if (users + chain_length(&gDhcpsnoop.userFreeList) != USER_MAX)
+        users += fuzz_chain_length(&h);
+    if (users + fuzz_chain_length(&gDhcpsnoop.userFreeList) != USER_MAX)
         abort();
-    if (chain_length(&gDhcpsnoop.ifList) + chain_length(&gDhcpsnoop.ifFreeList) != IF_MAX)
+    if (fuzz_chain_length(&gDhcpsnoop.ifList) + fuzz_chain_length(&gDhcpsnoop.ifFreeList) != IF_MAX)
         abort();
     for (auto &h : gDhcpsnoop.userHash)
         for (DhcpsnoopList *n = h.next; n != &h; n = n->next) {
