@@ -62,8 +62,7 @@ int quiet_ioctl(int fd, unsigned long request, int *arg)
 
 } // namespace
 
-bool ChildDaemon::start(const std::string &socketPath, const std::vector<uint32_t> &ports,
-                        int32_t s53, int32_t s54)
+bool ChildDaemon::start(const std::string &socketPath, const ChildDaemonOptions &o)
 {
     path = socketPath;
     int p[2];
@@ -79,10 +78,12 @@ bool ChildDaemon::start(const std::string &socketPath, const std::vector<uint32_
         g_path = socketPath;
         SwitchModel &m = sim_model();
         m.reset();
-        for (uint32_t idx : ports)
+        for (uint32_t idx : o.ports)
             m.addPort(idx, "swp" + std::to_string(idx));
-        m.hwScalars[53] = s53;
-        m.hwScalars[54] = s54;
+        for (auto &[idx, vid] : o.vlanIfs)
+            m.addVlanIf(idx, vid, "vlan" + std::to_string(vid));
+        m.hwScalars[53] = o.s53;
+        m.hwScalars[54] = o.s54;
         static DhcpsnoopSysOps ops = dhcpsnoop_sys_libc;
         ops.socket = quiet_socket;
         ops.setsockopt = quiet_setsockopt;
@@ -97,10 +98,11 @@ bool ChildDaemon::start(const std::string &socketPath, const std::vector<uint32_
         gDhcpsnoop.cmdSock = gDhcpsnoop.rtSock = -1;
         dhcpsnoop_shutdown();
         dhcpsnoop_timer_reset();
-        if (dhcpsnoop_init_ex(20, 2000, 0, 3, nullptr, nullptr, nullptr) != 0)
+        if (dhcpsnoop_init_ex(20, o.userMax, 0, 3, nullptr, nullptr, nullptr) != 0)
             _exit(1);
-        for (uint32_t idx : ports)
-            dhcpsnoop_if_enable(idx);
+        if (o.enablePorts)
+            for (uint32_t idx : o.ports)
+                dhcpsnoop_if_enable(idx);
         if (write(p[1], "r", 1) != 1)
             _exit(1);
         dhcpsnoop_main_setup();

@@ -12,12 +12,19 @@
 #include <string>
 #include <vector>
 
+struct ChildDaemonOptions {
+    std::vector<uint32_t> ports;                          /* named swp<index> */
+    std::vector<std::pair<uint32_t, uint16_t>> vlanIfs;   /* index, VLAN */
+    int32_t s53 = 1, s54 = 1;                             /* redundancy scalars: None */
+    bool enablePorts = false;                             /* snooping on the ports */
+    uint16_t userMax = 2000;
+};
+
 class ChildDaemon {
 public:
-    /* Start a daemon whose model has the given ports and redundancy scalars
-     * (53, 54).  Returns false when it did not come up within a few seconds. */
-    bool start(const std::string &socketPath, const std::vector<uint32_t> &ports, int32_t s53,
-               int32_t s54);
+    /* Start the daemon.  Returns false when it did not come up within a few
+     * seconds. */
+    bool start(const std::string &socketPath, const ChildDaemonOptions &options);
     void stop();
     ~ChildDaemon() { stop(); }
     /* dhcpsnoopctl against it: exit status, standard output. */

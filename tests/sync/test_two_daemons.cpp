@@ -19,6 +19,17 @@ constexpr uint32_t CLIENT_PORT = 1, SERVER_PORT = 2;
 constexpr uint32_t SERVER_IP = 0xC0000201, CLIENT_IP = 0xC0000264;
 const std::array<uint8_t, 6> CLIENT_MAC{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
 
+/* The peer's redundancy scalar 54: 0 makes it a Slave, 1 a unit of role None. */
+ChildDaemonOptions slaveOptions(int32_t s54)
+{
+    ChildDaemonOptions o;
+    o.ports = {CLIENT_PORT, SERVER_PORT};
+    o.s53 = 1;
+    o.s54 = s54;
+    o.enablePorts = true;
+    return o;
+}
+
 class TwoDaemons : public DaemonTest {
 protected:
     void SetUp() override
@@ -27,7 +38,7 @@ protected:
         char tmpl[] = "/tmp/dhcpsnoop-pair-XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir = tmpl;
-        ASSERT_TRUE(slave.start(dir + "/slave.sock", {CLIENT_PORT, SERVER_PORT}, 1, 0));
+        ASSERT_TRUE(slave.start(dir + "/slave.sock", slaveOptions(0)));
         model().hwScalars[53] = 0; /* master */
         start();
         enablePort(CLIENT_PORT);
@@ -113,7 +124,7 @@ TEST_F(TwoDaemons, BindingsLearntOnTheMasterFollowOnTheSlave)
 TEST_F(TwoDaemons, ASlaveThatIsNotASlaveIgnoresTheBuffers)
 {
     slave.stop();
-    ASSERT_TRUE(slave.start(dir + "/slave.sock", {CLIENT_PORT, SERVER_PORT}, 1, 1)); /* None */
+    ASSERT_TRUE(slave.start(dir + "/slave.sock", slaveOptions(1))); /* None */
     exchange();
     EXPECT_EQ(slaveBindings().find("192.0.2.100"), std::string::npos);
 }
@@ -123,7 +134,7 @@ TEST_F(TwoDaemons, AFullCopyAfterSubsystemUpRebuildsAnEmptySlave)
     exchange();
     /* the slave restarts empty; the master is told its subsystem came up */
     slave.stop();
-    ASSERT_TRUE(slave.start(dir + "/slave.sock", {CLIENT_PORT, SERVER_PORT}, 1, 0));
+    ASSERT_TRUE(slave.start(dir + "/slave.sock", slaveOptions(0)));
     EXPECT_EQ(slaveBindings().find("192.0.2.100"), std::string::npos);
     std::vector<uint8_t> up(16, 0);
     uint32_t len = 16;
