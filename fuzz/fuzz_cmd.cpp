@@ -18,42 +18,16 @@
 #include "dhcpsnoop.h"
 #include "dhcpsnoop_nm.h"
 #include "dhcpsnoop_sys.h"
+#include "fuzz_state.h"
 #include "switch_model.h"
 
 namespace {
 
 constexpr int REQUESTS_MAX = 8;
 
-void free_pool(void *&pool)
-{
-    if (pool)
-        dhcpsnoop_sys->free(pool);
-    pool = nullptr;
-}
-
 void fresh_daemon()
 {
-    free_pool(gDhcpsnoop.ifPool);
-    free_pool(gDhcpsnoop.userPool);
-    free_pool(gDhcpsnoop.serverPool);
-    memset(&gDhcpsnoop, 0, sizeof gDhcpsnoop);
-    for (auto &h : gDhcpsnoop.userHash)
-        dhcpsnoop_list_init(&h);
-    for (auto &h : gDhcpsnoop.macUserHash)
-        dhcpsnoop_list_init(&h);
-    dhcpsnoop_list_init(&gDhcpsnoop.ifList);
-    dhcpsnoop_list_init(&gDhcpsnoop.serverList);
-    gDhcpsnoop.ifMax = 4;
-    gDhcpsnoop.userMax = 8;
-    gDhcpsnoop.serverMax = 4;
-    dhcpsnoop_memlist_init(&gDhcpsnoop.ifFreeList, &gDhcpsnoop.ifPool, sizeof(DhcpsnoopIf), 4);
-    dhcpsnoop_memlist_init(&gDhcpsnoop.userFreeList, &gDhcpsnoop.userPool, sizeof(DhcpsnoopUser),
-                           8);
-    dhcpsnoop_memlist_init(&gDhcpsnoop.serverFreeList, &gDhcpsnoop.serverPool,
-                           sizeof(DhcpsnoopServer), 4);
-    gDhcpsnoop.dataSock = gDhcpsnoop.data6Sock = gDhcpsnoop.udpSock = -1;
-    gDhcpsnoop.cmdSock = gDhcpsnoop.rtSock = -1;
-    gDhcpsnoop.enterpriseNum = DHCPSNOOP_ENTERPRISE_NUMBER;
+    fuzz_fresh_state(4, 8, 4);
     gDhcpsnoop.globalEnable = 1;
 
     SwitchModel &m = sim_model();

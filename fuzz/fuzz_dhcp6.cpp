@@ -7,6 +7,7 @@
 
 #include "dhcp6snoop.h"
 #include "dhcpsnoop_user.h"
+#include "fuzz_state.h"
 #include "switch_model.h"
 
 namespace {
@@ -16,17 +17,7 @@ DhcpsnoopIf *setup()
     static DhcpsnoopIf *port = nullptr;
     if (port)
         return port;
-    memset(&gDhcpsnoop, 0, sizeof gDhcpsnoop);
-    dhcpsnoop_list_init(&gDhcpsnoop.ifList);
-    dhcpsnoop_list_init(&gDhcpsnoop.serverList);
-    for (int i = 0; i < DHCPSNOOP_HASH_SIZE; i++) {
-        dhcpsnoop_list_init(&gDhcpsnoop.userHash[i]);
-        dhcpsnoop_list_init(&gDhcpsnoop.macUserHash[i]);
-    }
-    dhcpsnoop_memlist_init(&gDhcpsnoop.ifFreeList, &gDhcpsnoop.ifPool, sizeof(DhcpsnoopIf), 4);
-    dhcpsnoop_memlist_init(&gDhcpsnoop.userFreeList, &gDhcpsnoop.userPool, sizeof(DhcpsnoopUser), 32);
-    gDhcpsnoop.dataSock = gDhcpsnoop.data6Sock = -1;
-    gDhcpsnoop.enterpriseNum = 32473;
+    fuzz_fresh_state(4, 32, 4);
     sim_model().hwScalars[53] = 1;
     sim_model().hwScalars[54] = 1;
     sim_model().addPort(1, "swp1");

@@ -9,38 +9,14 @@
 
 #include "dhcpsnoop.h"
 #include "dhcpsnoop_user.h"
+#include "fuzz_state.h"
 #include "switch_model.h"
 
 namespace {
 
-void release(void **pool)
-{
-    free(*pool);
-    *pool = nullptr;
-}
-
 void fresh_tables()
 {
-    release(&gDhcpsnoop.ifPool);
-    release(&gDhcpsnoop.userPool);
-    release(&gDhcpsnoop.serverPool);
-    memset(&gDhcpsnoop, 0, sizeof gDhcpsnoop);
-    for (auto &h : gDhcpsnoop.userHash)
-        dhcpsnoop_list_init(&h);
-    for (auto &h : gDhcpsnoop.macUserHash)
-        dhcpsnoop_list_init(&h);
-    dhcpsnoop_list_init(&gDhcpsnoop.ifList);
-    dhcpsnoop_list_init(&gDhcpsnoop.serverList);
-    gDhcpsnoop.ifMax = 4;
-    gDhcpsnoop.userMax = 8;
-    gDhcpsnoop.serverMax = 4;
-    if (dhcpsnoop_memlist_init(&gDhcpsnoop.ifFreeList, &gDhcpsnoop.ifPool, sizeof(DhcpsnoopIf),
-                               gDhcpsnoop.ifMax) != 0 ||
-        dhcpsnoop_memlist_init(&gDhcpsnoop.userFreeList, &gDhcpsnoop.userPool,
-                               sizeof(DhcpsnoopUser), gDhcpsnoop.userMax) != 0 ||
-        dhcpsnoop_memlist_init(&gDhcpsnoop.serverFreeList, &gDhcpsnoop.serverPool,
-                               sizeof(DhcpsnoopServer), gDhcpsnoop.serverMax) != 0)
-        abort();
+    fuzz_fresh_state(4, 8, 4);
     gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
     gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
     gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO | DHCPSNOOP_DEBUG_DUMP;
@@ -55,14 +31,6 @@ void fresh_tables()
     m.reset();
     m.hwScalars[53] = 1; /* not Master */
     m.hwScalars[54] = 0; /* Slave */
-}
-
-size_t chain_length(const DhcpsnoopList *head)
-{
-    size_t n = 0;
-    for (const DhcpsnoopList *e = head->next; e != head; e = e->next)
-        n++;
-    return n;
 }
 
 } // namespace
@@ -84,10 +52,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     /* every node is either in a table or free */
     size_t users = 0;
     for (auto &h : gDhcpsnoop.userHash)
-        users += chain_length(&h);
-    if (users + chain_length(&gDhcpsnoop.userFreeList) != gDhcpsnoop.userMax)
+        users += fuzz_chain_length(&h);
+    if (users + fuzz_chain_length(&gDhcpsnoop.userFreeList) != gDhcpsnoop.userMax)
         abort();
-    if (chain_length(&gDhcpsnoop.serverList) + chain_length(&gDhcpsnoop.serverFreeList) !=
+    if (fuzz_chain_length(&gDhcpsnoop.serverList) + fuzz_chain_length(&gDhcpsnoop.serverFreeList) !=
         gDhcpsnoop.serverMax)
         abort();
     /* a Slave never programs hardware or sends */

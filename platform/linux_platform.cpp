@@ -25,6 +25,7 @@
 
 #include "dhcpsnoop_adr.h"
 #include "dhcpsnoop_platform.h"
+#include "peer_transport.h"
 #include "switch_model.h"
 
 namespace {
@@ -192,42 +193,12 @@ void host_log(const std::string &line)
     fflush(stdout);
 }
 
-/* A sync buffer becomes a global Set with command 19 on the peer's command
- * socket: the way the platform carries it between control units. */
+/* Sync buffers go to the peer daemon's command socket. */
 int peer_transport(uint32_t code, void *data, uint32_t)
 {
     if (code != 0x40013 || g_config.peer.empty() || !data)
         return 0;
-    const auto *d = static_cast<const QorTextPair *>(data);
-    uint8_t body[1520];
-    AdrBuf a;
-    adr_start(&a, body, sizeof body);
-    int32_t zero = 0;
-    if (adr_encodefunc(&a, 0) || adr_encoderetcode(&a, 0) || adr_encodecmd(&a, 19) ||
-        adr_encodeindexheader(&a, 0) || adr_encodeindex(&a, 2, &zero, 4) ||
-        adr_encodedata(&a, 0, uint16_t(d->len), d->buf))
-        return -1;
-    uint32_t len = adr_count(&a);
-
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
-    struct sockaddr_un un;
-    memset(&un, 0, sizeof un);
-    un.sun_family = AF_UNIX;
-    strncpy(un.sun_path, g_config.peer.c_str(), sizeof un.sun_path - 1);
-    struct timeval tv = {2, 0};
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    int rc = -1;
-    if (connect(fd, reinterpret_cast<struct sockaddr *>(&un), sizeof un) == 0 &&
-        send(fd, &len, 4, MSG_NOSIGNAL) == 4 && send(fd, body, len, MSG_NOSIGNAL) == ssize_t(len)) {
-        uint32_t replyLen = 0;
-        if (recv(fd, &replyLen, 4, MSG_WAITALL) == 4)
-            rc = 0;
-    }
-    close(fd);
-    return rc;
+    return dhcpsnoop_peer_send(g_config.peer.c_str(), static_cast<const QorTextPair *>(data));
 }
 
 bool kernel_mac(const char *name, std::array<uint8_t, 6> &mac)

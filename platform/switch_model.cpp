@@ -117,6 +117,15 @@ size_t SwitchModel::logCount(const std::string &text) const
 
 void SwitchModel::reset() { *this = SwitchModel(); }
 
+static void record_chassis_query(const char *fn, const uint32_t *words, uint32_t property,
+                                 void *answer)
+{
+    SimChassisQuery q{fn, property, {}, answer != nullptr};
+    if (words)
+        memcpy(q.words.data(), words, sizeof(uint32_t) * q.words.size());
+    g_model.chassisQueries.push_back(q);
+}
+
 extern "C" {
 
 uint32_t OsixCreateMSem(uint32_t)
@@ -170,7 +179,10 @@ int qorIfGetApi(uint32_t ifIndex, uint32_t attr, void *value)
         return 0;
     case 65536285: {
         auto *q = static_cast<QorAggQuery *>(value);
-        q->count = 1;
+        g_model.aggQueries.push_back(
+            {ifIndex, q->attr, q->answer ? *q->answer : 0, q->count});
+        auto it = g_model.aggCounts.find(ifIndex);
+        q->count = it == g_model.aggCounts.end() ? 1 : it->second;
         return 0;
     }
     default:
@@ -369,16 +381,18 @@ int qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *, uint32_t mode
     return rc;
 }
 
-int qorHwCardGet(const uint32_t *, uint32_t property, void *)
+int qorHwCardGet(const uint32_t *words, uint32_t property, void *answer)
 {
+    record_chassis_query("qorHwCardGet", words, property, answer);
     if (int rc = g_model.failed("qorHwCardGet", property))
         return rc;
     auto it = g_model.cardAnswers.find(property);
     return it == g_model.cardAnswers.end() ? 0 : it->second;
 }
 
-int qorHwSlotGet(const uint32_t *, uint32_t property, void *)
+int qorHwSlotGet(const uint32_t *words, uint32_t property, void *answer)
 {
+    record_chassis_query("qorHwSlotGet", words, property, answer);
     if (int rc = g_model.failed("qorHwSlotGet", property))
         return rc;
     auto it = g_model.slotAnswers.find(property);

@@ -73,6 +73,20 @@ struct SimNetlinkSend {
     std::vector<uint8_t> record;
 };
 
+/* An aggregate query as the daemon filled it in. */
+struct SimAggQuery {
+    uint32_t ifIndex, attr, answerPreset;
+    uint8_t countPreset;
+};
+
+/* A card or slot query: which call, the property and the event's words. */
+struct SimChassisQuery {
+    std::string fn;
+    uint32_t property;
+    std::array<uint32_t, 4> words;
+    bool withAnswer;
+};
+
 struct SimDeftinstallCall {
     std::vector<uint8_t> record;
     void *a, *b;
@@ -89,6 +103,9 @@ struct SwitchModel {
     uint32_t selfSysIndex = 1;
     std::map<uint32_t, SimHookAnswer> ipsg, dai;           /* by ifIndex */
     std::map<uint32_t, int> cardAnswers, slotAnswers;      /* by property */
+    /* Aggregate query (qorIfGetApi 65536285): the count answered, by the
+     * aggregate's ifIndex; 1 when absent. */
+    std::map<uint32_t, uint8_t> aggCounts;
     uint32_t nextHwId = 1000;
 
     /* --- recorded effects --- */
@@ -104,6 +121,8 @@ struct SwitchModel {
     std::vector<std::string> logLines;
     std::string debugText;
     std::vector<SimDeftinstallCall> deftinstallCalls;
+    std::vector<SimAggQuery> aggQueries;
+    std::vector<SimChassisQuery> chassisQueries;
     int segFaultHandlerInstalled = 0;
     bool echoDebug = false; /* also write debug text to standard output */
     /* Keep the records above.  A long-running daemon turns this off so that

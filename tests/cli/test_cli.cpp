@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "child_daemon_helpers.h"
 #include "dhcpsnoop.h"
 #include "dhcpsnoop_adr.h"
 #include "dhcpsnoop_sys.h"
@@ -843,113 +844,23 @@ TEST(CliSocket, SilentDaemonTimesOut)
 /* Against the daemon's own command server                                   */
 /* ------------------------------------------------------------------------ */
 
-/* The child daemon's system calls: libc, except that the command socket is
- * made at a private path and the packet and netlink sockets are quiet ends
- * of socket pairs, so no privilege is needed and nothing arrives on them. */
-std::string g_daemonPath;
-std::set<int> g_quietFds;
-
-const char *daemon_path(const char *path)
-{
-    return path && strcmp(path, DHCPSNOOP_CMD_SOCKET_PATH) == 0 ? g_daemonPath.c_str() : path;
-}
-
-int quiet_socket(int domain, int type, int protocol)
-{
-    if (domain != AF_PACKET && domain != AF_NETLINK)
-        return socket(domain, type, protocol);
-    int sv[2];
-    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sv) < 0)
-        return -1;
-    g_quietFds.insert(sv[0]); /* sv[1] stays open and silent */
-    return sv[0];
-}
-
-int quiet_setsockopt(int fd, int level, int name, const void *value, socklen_t len)
-{
-    return g_quietFds.count(fd) ? 0 : setsockopt(fd, level, name, value, len);
-}
-
-int private_bind(int fd, const struct sockaddr *addr, socklen_t len)
-{
-    if (g_quietFds.count(fd))
-        return 0;
-    struct sockaddr_un un;
-    if (addr && addr->sa_family == AF_UNIX && len <= sizeof un) {
-        memcpy(&un, addr, len);
-        const char *p = daemon_path(un.sun_path);
-        if (p != un.sun_path) {
-            memset(un.sun_path, 0, sizeof un.sun_path);
-            strncpy(un.sun_path, p, sizeof un.sun_path - 1);
-            return bind(fd, reinterpret_cast<sockaddr *>(&un), sizeof un);
-        }
-    }
-    return bind(fd, addr, len);
-}
-
-int private_unlink(const char *path) { return unlink(daemon_path(path)); }
-
-int quiet_ioctl(int fd, unsigned long request, int *arg)
-{
-    return g_quietFds.count(fd) ? 0 : ioctl(fd, request, arg);
-}
-
-[[noreturn]] void daemon_child(int ready)
-{
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    SwitchModel &m = sim_model();
-    m.reset();
-    m.addPort(3, "swp3");
-    m.addPort(4, "swp4");
-    m.addVlanIf(100, 10, "vlan10");
-    static DhcpsnoopSysOps ops = dhcpsnoop_sys_libc;
-    ops.socket = quiet_socket;
-    ops.setsockopt = quiet_setsockopt;
-    ops.bind = private_bind;
-    ops.unlink = private_unlink;
-    ops.ioctl = quiet_ioctl;
-    dhcpsnoop_sys_set(&ops);
-    if (dhcpsnoop_init_ex(20, 2000, 0, 3, nullptr, nullptr, nullptr) != 0)
-        _exit(1);
-    if (write(ready, "r", 1) != 1)
-        _exit(1);
-    for (;;)
-        dhcpsnoop_main_pass();
-}
-
+/* The daemon's own command server, in a child process on the simulated
+ * platform with ports 3 and 4 and a VLAN interface for VLAN 10. */
 class CliDaemon : public ::testing::Test {
 protected:
     TempDir dir;
     std::string path;
-    pid_t child = -1;
+    ChildDaemon daemon;
 
     void SetUp() override
     {
         path = dir.file("daemon.sock");
-        g_daemonPath = path;
-        int p[2];
-        ASSERT_EQ(pipe(p), 0);
-        fflush(nullptr);
-        child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            close(p[0]);
-            daemon_child(p[1]);
-        }
-        close(p[1]);
-        struct pollfd pf = {p[0], POLLIN, 0};
-        char c = 0;
-        bool up = poll(&pf, 1, 30000) == 1 && read(p[0], &c, 1) == 1;
-        close(p[0]);
-        ASSERT_TRUE(up) << "the daemon did not start";
+        ChildDaemonOptions o;
+        o.ports = {3, 4};
+        o.vlanIfs = {{100, 10}};
+        ASSERT_TRUE(daemon.start(path, o)) << "the daemon did not start";
     }
-    void TearDown() override
-    {
-        if (child > 0) {
-            kill(child, SIGKILL);
-            waitpid(child, nullptr, 0);
-        }
-    }
+    void TearDown() override { daemon.stop(); }
     Result ctl(std::vector<std::string> args)
     {
         args.insert(args.begin(), {"--socket", path, "-n"});

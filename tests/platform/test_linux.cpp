@@ -1,0 +1,219 @@
+/* The Linux platform: its configuration, and how frames and link events of a
+ * stock kernel are turned into what the daemon expects. */
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+
+#include <cstring>
+
+#include <gtest/gtest.h>
+
+#include "frame6_helpers.h"
+#include "frame_helpers.h"
+#include "linux_platform.h"
+
+TEST(LinuxConfig, ReadsEveryStatement)
+{
+    const char *text = "# switch\n"
+                       "port swp1 pvid 10\n"
+                       "port uplink tagged vlans 10,20 tpid 0x88a8 router\n"
+                       "port swp3 excluded   # not forwarded\n"
+                       "vlan 20 interface\n"
+                       "vlan 30 interface v30\n"
+                       "role master\n"
+                       "peer /run/peer.sock\n"
+                       "ipsg swp1 items 0xC0\n"
+                       "dai vlan20 items 0xF0\n"
+                       "hostname sw-7\n"
+                       "hardware-state /tmp/hw\n"
+                       "trap none\n";
+    LinuxConfig c;
+    std::string error;
+    ASSERT_EQ(linux_config_parse(text, c, error), 0) << error;
+    ASSERT_EQ(c.ports.size(), 3u);
+    EXPECT_EQ(c.ports[0].name, "swp1");
+    EXPECT_EQ(c.ports[0].pvid, 10);
+    EXPECT_FALSE(c.ports[0].tagged);
+    EXPECT_TRUE(c.ports[1].tagged);
+    EXPECT_EQ(c.ports[1].vlans, (std::vector<uint16_t>{10, 20}));
+    EXPECT_EQ(c.ports[1].tpid, 0x88A8);
+    EXPECT_TRUE(c.ports[1].router);
+    EXPECT_EQ(c.ports[1].pvid, 1);
+    EXPECT_TRUE(c.ports[2].excluded);
+    EXPECT_EQ(c.vlanInterfaces.at(20), "vlan20");
+    EXPECT_EQ(c.vlanInterfaces.at(30), "v30");
+    EXPECT_EQ(c.role, "master");
+    EXPECT_EQ(c.peer, "/run/peer.sock");
+    ASSERT_EQ(c.ipsg.size(), 1u);
+    EXPECT_EQ(c.ipsg[0].port, "swp1");
+    EXPECT_EQ(c.ipsg[0].items, 0xC0);
+    ASSERT_EQ(c.dai.size(), 1u);
+    EXPECT_EQ(c.dai[0].vlan, 20);
+    EXPECT_EQ(c.hostname, "sw-7");
+    EXPECT_EQ(c.hardwareState, "/tmp/hw");
+    EXPECT_FALSE(c.nftables);
+}
+
+TEST(LinuxConfig, RefusesWhatItCannotMeanAndSaysWhere)
+{
+    struct Case {
+        const char *text;
+        const char *error;
+    } cases[] = {
+        {"port", "line 1: port needs a name"},
+        {"\nport swp1 pvid 0", "line 2: bad pvid 0"},
+        {"port swp1 pvid 4095", "line 1: bad pvid 4095"},
+        {"port swp1 vlans 10,x", "line 1: bad vlan x"},
+        {"port swp1 tpid 0x10000", "line 1: bad tpid 0x10000"},
+        {"port swp1 speed 10", "line 1: unknown port setting speed"},
+        {"port averyveryverylongname", "line 1: port name too long: averyveryverylongname"},
+        {"vlan 10", "line 1: expected: vlan VID interface [NAME]"},
+        {"role backup", "line 1: role is none, master or slave"},
+        {"ipsg swp1 0xC0", "line 1: expected: ipsg PORT|vlanVID items 0xHH"},
+        {"dai swp1 items 0x100", "line 1: expected: dai PORT|vlanVID items 0xHH"},
+        {"trap iptables", "line 1: trap is nftables or none"},
+        {"frobnicate", "line 1: unknown statement frobnicate"},
+    };
+    for (auto &c : cases) {
+        LinuxConfig out;
+        std::string error;
+        EXPECT_EQ(linux_config_parse(c.text, out, error), -1) << c.text;
+        EXPECT_EQ(error, c.error) << c.text;
+    }
+}
+
+TEST(LinuxFrames, TagsAndVlansAsTheSwitchWouldReportThem)
+{
+    Dhcp4Frame f;
+    f.msgType(1).end();
+    std::vector<uint8_t> untagged = f.build();
+    f.vlans = {30};
+    std::vector<uint8_t> tagged = f.build();
+    f.vlans = {40};
+    std::vector<uint8_t> inner40 = f.build();
+    f.vlans = {30, 40};
+    std::vector<uint8_t> qinq = f.build();
+
+    struct Case {
+        const char *what;
+        std::vector<uint8_t> in;
+        bool vlanValid;
+        uint16_t tci;
+        uint16_t tpid;
+        std::vector<uint8_t> expect;
+        uint16_t outer, inner;
+        uint8_t l2;
+    } cases[] = {
+        {"untagged: the port's PVID", untagged, false, 0, 0, untagged, 7, 0, 14},
+        {"tag taken off by the kernel goes back", untagged, true, 30, 0, tagged, 30, 0, 18},
+        {"tag left in the data", tagged, false, 0, 0, tagged, 30, 0, 18},
+        {"outer tag taken off, inner left", inner40, true, 30, 0, qinq, 30, 40, 22},
+        {"priority bits are not the VLAN", untagged, true, uint16_t(0xE000 | 30), 0, {}, 30, 0, 18},
+    };
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<uint8_t> buf(c.in);
+        buf.resize(2052);
+        LinuxRxInfo info;
+        uint32_t len = linux_adapt_frame(buf.data(), uint32_t(c.in.size()), 2052, c.vlanValid, c.tci,
+                                         c.tpid, false, 9, 7, 0x8100, info);
+        if (!c.expect.empty()) {
+            ASSERT_EQ(len, c.expect.size());
+            EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + len), c.expect);
+        }
+        EXPECT_EQ(info.ingress, 9u);
+        EXPECT_EQ(info.outerVid, c.outer);
+        EXPECT_EQ(info.innerVid, c.inner);
+        EXPECT_EQ(info.l2HdrLen, c.l2);
+    }
+
+    /* a frame that would not fit with its tag keeps its length */
+    std::vector<uint8_t> full(2048, 0);
+    LinuxRxInfo info;
+    EXPECT_EQ(linux_adapt_frame(full.data(), 2048, 2048, true, 5, 0, false, 1, 1, 0x8100, info), 2048u);
+}
+
+TEST(LinuxFrames, ChecksumsLeftToTheHardwareAreCompleted)
+{
+    Dhcp4Frame f;
+    f.msgType(3).opt(50, ipv4(0xC0000205)).end();
+    std::vector<uint8_t> v4 = f.build();
+    v4[14 + 20 + 6] = 0x12; /* a partial sum, as the sender's kernel leaves it */
+    v4[14 + 20 + 7] = 0x34;
+    ASSERT_FALSE(udp4_checksum_ok(v4.data(), 14));
+    std::vector<uint8_t> buf(v4);
+    buf.resize(2052);
+    LinuxRxInfo info;
+    linux_adapt_frame(buf.data(), uint32_t(v4.size()), 2052, false, 0, 0, true, 1, 1, 0x8100, info);
+    EXPECT_TRUE(udp4_checksum_ok(buf.data(), 14));
+    EXPECT_TRUE(ipv4_checksum_ok(buf.data(), 14));
+
+    Dhcp6Frame g;
+    g.opt(8, {0, 0});
+    std::vector<uint8_t> v6 = g.build();
+    v6[14 + 40 + 6] ^= 0xFF;
+    ASSERT_FALSE(udp6_checksum_ok(v6.data(), 14));
+    buf.assign(v6.begin(), v6.end());
+    buf.resize(2052);
+    /* with the tag put back first */
+    linux_adapt_frame(buf.data(), uint32_t(v6.size()), 2052, true, 12, 0, true, 1, 1, 0x8100, info);
+    EXPECT_EQ(info.l2HdrLen, 18);
+    EXPECT_TRUE(udp6_checksum_ok(buf.data(), 18));
+
+    /* a checksum that is ready is left alone */
+    std::vector<uint8_t> ready = f.build();
+    ready[14 + 20 + 6] ^= 1;
+    buf.assign(ready.begin(), ready.end());
+    buf.resize(2052);
+    linux_adapt_frame(buf.data(), uint32_t(ready.size()), 2052, false, 0, 0, false, 1, 1, 0x8100, info);
+    EXPECT_FALSE(udp4_checksum_ok(buf.data(), 14));
+}
+
+namespace {
+std::vector<uint8_t> link_message(uint16_t type, std::vector<std::pair<uint16_t, uint16_t>> attrs)
+{
+    std::vector<uint8_t> m(32, 0);
+    for (auto &[t, len] : attrs) {
+        size_t at = m.size();
+        m.resize(at + ((len + 3u) & ~3u), 0);
+        memcpy(&m[at], &len, 2);
+        memcpy(&m[at + 2], &t, 2);
+    }
+    uint32_t total = uint32_t(m.size());
+    memcpy(&m[0], &total, 4);
+    memcpy(&m[4], &type, 2);
+    return m;
+}
+
+uint16_t attr_type(const std::vector<uint8_t> &m, size_t at)
+{
+    uint16_t t;
+    memcpy(&t, &m[at + 2], 2);
+    return t;
+}
+} // namespace
+
+TEST(LinuxNetlink, StockLinkAttributesNeverLookLikeAggregationEvents)
+{
+    auto a = link_message(RTM_NEWLINK, {{3, 8}, {38, 8}, {52, 8}, {0x8000 | 53, 4}, {49, 4}});
+    auto b = link_message(RTM_DELLINK, {{38, 8}});
+    std::vector<uint8_t> dgram(a);
+    dgram.insert(dgram.end(), b.begin(), b.end());
+    linux_filter_netlink(dgram.data(), dgram.size());
+    EXPECT_EQ(attr_type(dgram, 32), 3);
+    EXPECT_EQ(attr_type(dgram, 40), 0x3FFF);
+    EXPECT_EQ(attr_type(dgram, 48), 0x3FFF);
+    EXPECT_EQ(attr_type(dgram, 56), 0x3FFF);
+    EXPECT_EQ(attr_type(dgram, 60), 0x3FFF);
+    EXPECT_EQ(attr_type(dgram, a.size() + 32), 38); /* only link news carry them */
+
+    /* lengths that lie stop the walk inside the datagram */
+    auto c = link_message(RTM_NEWLINK, {{38, 8}});
+    uint16_t huge = 0xFFF0;
+    memcpy(&c[32], &huge, 2);
+    linux_filter_netlink(c.data(), c.size());
+    EXPECT_EQ(attr_type(c, 32), 38);
+    uint32_t tooLong = 4096;
+    memcpy(&c[0], &tooLong, 4);
+    linux_filter_netlink(c.data(), c.size());
+    linux_filter_netlink(c.data(), 10);
+}
