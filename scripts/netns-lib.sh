@@ -86,14 +86,14 @@ nl_init() {
 # Stop what this run started: its own processes by id, then whatever still
 # runs inside its own namespaces, then the namespaces and the temp directory.
 nl_cleanup() {
-  local rc=$? pid ns i
+  local rc=$? pid ns
   # A second signal must not cut the cleanup short.
   trap - EXIT
   trap '' INT TERM
   for pid in "${NL_PIDS[@]}"; do
     kill -TERM "$pid" 2>/dev/null
   done
-  for i in $(seq 1 30); do
+  for _ in $(seq 1 30); do
     local alive=0
     for pid in "${NL_PIDS[@]}"; do
       kill -0 "$pid" 2>/dev/null && alive=1
@@ -233,8 +233,6 @@ stop_pid() {
   fi
   wait "$pid" 2>/dev/null || true
 }
-
-if_mac() { in_ns "$1" cat "/sys/class/net/$2/address"; }
 
 # ---------------------------------------------------------------- the daemon
 
@@ -414,7 +412,6 @@ dhclient_start() {
   rm -f "$rec" "$rec.events"
   bg_ns "$nsn" "$base.log" dhclient "$fam" -d -v \
     -cf "$base.conf" -lf "$base.leases" -pf "$base.pid" -sf "$(nl_client_script "$rec")" "$ifn"
-  DHCLIENT_PID=$NL_LAST_PID
 }
 
 # dhclient_release NS IF RECORD [-6]: release the lease (stops the client).
@@ -431,7 +428,6 @@ udhcpc_start() {
   rm -f "$rec" "$rec.events"
   bg_ns "$nsn" "$NL_TMP/udhcpc-$nsn-$ifn.log" busybox udhcpc -f -R \
     -i "$ifn" -t 20 -T 2 -A 2 -s "$(nl_udhcpc_script "$rec")"
-  UDHCPC_PID=$NL_LAST_PID
 }
 
 # rec_get RECORD KEY: one value of a lease record.

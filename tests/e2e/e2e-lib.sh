@@ -18,7 +18,6 @@ done
 # cap_count FILE WHERE: how many DHCP messages of a capture satisfy WHERE
 # (a Python expression over m; see dhcpcap.py).
 cap_count() { "$NL_PY" "$E2E_DIR/dhcpcap.py" "$1" --where "$2" --count; }
-cap_get() { "$NL_PY" "$E2E_DIR/dhcpcap.py" "$1" --where "$2" --get "$3"; }
 
 # gt0 N: the number is above zero.
 gt0() { [ "${1:-0}" -gt 0 ] 2>/dev/null; }
@@ -37,7 +36,7 @@ has_binding_for() {
   [ "$(bindings "$1" "${3:-sw}" | json_get "len([b for b in j if b['ip'] == '$2'])")" = 1 ]
 }
 
-# e2e_fail_logs FILE...: show the tail of logs when something went wrong.
+# e2e_logs FILE...: show the tail of logs when something went wrong.
 e2e_logs() {
   local f
   for f in "$@"; do

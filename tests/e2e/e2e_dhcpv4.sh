@@ -51,11 +51,11 @@ B=$(bindings "$SOCK")
 nl_say "bindings: $B"
 sel="[b for b in j if b['ip'] == '$ip']"
 check_eq "one binding for the leased address" 1 "$(json_get "len($sel)" <<<"$B")"
-check_eq "binding MAC" "$CLIENT_MAC" "$(json_get "$sel[0]['mac']" <<<"$B")"
-check_eq "binding port" swc "$(json_get "$sel[0]['interface']" <<<"$B")"
-check_eq "binding VLAN" 1 "$(json_get "$sel[0]['vlan']" <<<"$B")"
-check_eq "binding lease time" 600 "$(json_get "$sel[0]['lease']" <<<"$B")"
-check_eq "binding type and state" "dynamic bound" "$(json_get "$sel[0]['type'] + ' ' + $sel[0]['state']" <<<"$B")"
+check_eq "binding MAC" "$CLIENT_MAC" "$(json_get "${sel}[0]['mac']" <<<"$B")"
+check_eq "binding port" swc "$(json_get "${sel}[0]['interface']" <<<"$B")"
+check_eq "binding VLAN" 1 "$(json_get "${sel}[0]['vlan']" <<<"$B")"
+check_eq "binding lease time" 600 "$(json_get "${sel}[0]['lease']" <<<"$B")"
+check_eq "binding type and state" "dynamic bound" "$(json_get "${sel}[0]['type'] + ' ' + ${sel}[0]['state']" <<<"$B")"
 check_eq "no other binding" 1 "$(json_get 'len(j)' <<<"$B")"
 # The binding is handed to the hardware as a source-guard rule (the host
 # platform writes what it was handed to a file).

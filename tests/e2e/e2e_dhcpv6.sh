@@ -44,7 +44,7 @@ nl_say "bindings: $B"
 sel="[b for b in j if $same]"
 check_eq "one IPv6 binding for the leased address" 1 "$(json_get "len($sel)" <<<"$B")"
 check_eq "binding: MAC, port, VLAN, lease, type, state" "$CLIENT_MAC swc 1 600 dynamic bound" \
-  "$(json_get "' '.join(str($sel[0][k]) for k in ('mac', 'interface', 'vlan', 'lease', 'type', 'state'))" <<<"$B")"
+  "$(json_get "' '.join(str(${sel}[0][k]) for k in ('mac', 'interface', 'vlan', 'lease', 'type', 'state'))" <<<"$B")"
 
 dhclient_release cl eth0 "$REC" -6
 check "the client's RELEASE removed the IPv6 binding" wait_for 15 "the binding of $ip to go" no6

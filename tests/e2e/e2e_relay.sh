@@ -49,7 +49,7 @@ B=$(bindings "$SOCK")
 nl_say "bindings: $B"
 sel="[b for b in j if b['ip'] == '$ip']"
 check_eq "binding: MAC, port, VLAN, lease, state" "$CLIENT_MAC swc 1 600 bound" \
-  "$(json_get "' '.join(str($sel[0][k]) for k in ('mac', 'interface', 'vlan', 'lease', 'state'))" <<<"$B")"
+  "$(json_get "' '.join(str(${sel}[0][k]) for k in ('mac', 'interface', 'vlan', 'lease', 'state'))" <<<"$B")"
 check "dnsmasq saw relayed requests" grep -q "$RELAY" "$NL_TMP/server.log"
 sleep 0.5
 cap_stop "$CAP_SRV"; cap_stop "$CAP_CL"

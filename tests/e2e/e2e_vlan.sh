@@ -43,7 +43,7 @@ B=$(bindings "$SOCK")
 nl_say "bindings: $B"
 sel="[b for b in j if b['ip'] == '$ip']"
 check_eq "binding: MAC, port, VLAN, lease" "$MAC swc $VID 600" \
-  "$(json_get "' '.join(str(x) for x in ($sel[0]['mac'], $sel[0]['interface'], $sel[0]['vlan'], $sel[0]['lease']))" <<<"$B")"
+  "$(json_get "' '.join(str(x) for x in (${sel}[0]['mac'], ${sel}[0]['interface'], ${sel}[0]['vlan'], ${sel}[0]['lease']))" <<<"$B")"
 sleep 0.5
 cap_stop "$CAP_SRV"; cap_stop "$CAP_CL"
 
