@@ -19,6 +19,27 @@
 
 #include "dhcpsnoop.h"
 
+/* The DHCPv4 options the engine acts on, and option 82's sub-options. */
+enum DhcpOption : uint8_t {
+    OPT_PAD = 0,
+    OPT_ROUTER = 3,
+    OPT_REQUESTED_IP = 50,
+    OPT_LEASE_TIME = 51,
+    OPT_MSG_TYPE = 53,
+    OPT_SERVER_ID = 54,
+    OPT_VENDOR_CLASS = 60,
+    OPT_BOOT_FILE = 67,
+    OPT_RELAY_AGENT = 82,
+    OPT_VIVSO = 125,
+    OPT_END = 255,
+};
+
+enum RelaySubOption : uint8_t {
+    SUBOPT_CIRCUIT_ID = 1,
+    SUBOPT_REMOTE_ID = 2,
+    SUBOPT_VENDOR = 9,
+};
+
 /* Hex dump of frame bytes on standard output: "%02x  " each, a "\n\r"
  * before every sixteenth byte. */
 void dhcpsnoop_dump(const uint8_t *bytes, uint32_t len);

@@ -17,18 +17,6 @@
 
 namespace {
 
-enum OptionCode : uint8_t {
-    OPT_BOOT_FILE = 67,
-    OPT_RELAY_AGENT = 82,
-    OPT_VIVSO = 125,
-    OPT_END = 255,
-};
-
-enum SubOptionCode : uint8_t {
-    SUBOPT_CIRCUIT_ID = 1,
-    SUBOPT_REMOTE_ID = 2,
-    SUBOPT_VENDOR = 9,
-};
 
 /* How a relay-agent value is built. */
 enum ValueMode : uint32_t {

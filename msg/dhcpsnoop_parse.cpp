@@ -25,25 +25,6 @@ constexpr uint32_t UDP_HDR_LEN = 8;
 constexpr uint32_t IP_HDR_MIN = 20;
 constexpr uint8_t IPPROTO_UDP_NUM = 17;
 
-enum DhcpOption : uint8_t {
-    OPT_PAD = 0,
-    OPT_ROUTER = 3,
-    OPT_REQUESTED_IP = 50,
-    OPT_LEASE_TIME = 51,
-    OPT_MSG_TYPE = 53,
-    OPT_SERVER_ID = 54,
-    OPT_VENDOR_CLASS = 60,
-    OPT_BOOT_FILE = 67,
-    OPT_RELAY_AGENT = 82,
-    OPT_VIVSO = 125,
-    OPT_END = 255,
-};
-
-enum RelaySubOption : uint8_t {
-    SUBOPT_CIRCUIT_ID = 1,
-    SUBOPT_REMOTE_ID = 2,
-    SUBOPT_VENDOR = 9,
-};
 
 /* Byte access by offset from the start of the frame buffer; offsets at or
  * beyond its end read as zero. */
