@@ -21,17 +21,6 @@ std::vector<uint8_t> user_record(const DhcpsnoopUser *u, uint32_t add)
     return out;
 }
 
-std::vector<uint8_t> server_record(uint32_t ip, uint32_t vid, uint32_t ifIndex, uint32_t add)
-{
-    DhcpsnoopServer s{};
-    s.serverIp = ip;
-    s.vid = vid;
-    s.ifIndex = ifIndex;
-    std::vector<uint8_t> out(16);
-    EXPECT_EQ(dhcpsnoop_sync_server_pkt_build(&s, add, out.data()), 16u);
-    return out;
-}
-
 void set_len(std::vector<uint8_t> &b, size_t off, uint16_t len) { memcpy(&b[off + 2], &len, 2); }
 
 /* Hand a buffer over exactly as large as its bytes, so a read past it shows. */
