@@ -93,18 +93,11 @@ TEST_F(UserTest, LearningRecordsAProvisionalBindingAndLogsIt)
     ASSERT_EQ(dhcpsnoop_user_add(&key, nullptr, &info), 0);
     DhcpsnoopUser *u = dhcpsnoop_user_lookup(&key);
     ASSERT_NE(u, nullptr);
-    EXPECT_EQ(u->vid, 10);
-    EXPECT_EQ(u->origVid, 10);
-    EXPECT_EQ(u->ifIndex, 3u);
     EXPECT_EQ(memcmp(u->mac, kMacA.data(), 6), 0);
-    EXPECT_EQ(u->userType, DHCPSNOOP_USER_DYNAMIC);
-    EXPECT_EQ(u->leaseTime, 60u);
-    EXPECT_EQ(u->leaseStart, 5000u);
-    EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_REQUESTED);
-    EXPECT_EQ(u->macMark, 0x30);
-    EXPECT_EQ(u->vendorTag, 0xABCDu);
-    EXPECT_EQ(u->serverId, 0x01020304u);
-    EXPECT_EQ(u->hwFlags, 0);
+    EXPECT_EQ(std::tuple(u->vid, u->origVid, u->ifIndex, u->userType, u->leaseTime, u->leaseStart),
+              std::tuple(10, 10, 3u, DHCPSNOOP_USER_DYNAMIC, 60u, 5000u));
+    EXPECT_EQ(std::tuple(u->bindState, u->macMark, u->vendorTag, u->serverId, u->hwFlags),
+              std::tuple(DHCPSNOOP_BIND_REQUESTED, 0x30, 0xABCDu, 0x01020304u, 0));
     EXPECT_EQ(port3->curUser, 1);
     EXPECT_EQ(vlan10->curUser, 1);
     ASSERT_EQ(model().logLines.size(), 1u);
