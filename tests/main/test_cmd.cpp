@@ -19,6 +19,7 @@ protected:
     /* Serve one connection whose client sends `input`. */
     FakeConn serve(const Bytes &input, int expectRc)
     {
+        sys().finishedConns.clear();
         sys().pendingConns.push_back(FakeConn{input, 0, {}, false});
         EXPECT_EQ(dhcpsnoop_cmd_server(), expectRc);
         EXPECT_EQ(sys().finishedConns.size(), 1u);
@@ -166,28 +167,22 @@ TEST_F(CmdTest, ServerFailuresCloseTheConnection)
 {
     /* a rejected request: the length word alone */
     EXPECT_EQ(serve(framed(Bytes(25, 1)), 0).output, u32_bytes(0));
-    sys().finishedConns.clear();
     /* an empty request: 22 bytes of the buffer */
     EXPECT_EQ(serve(u32_bytes(0), 0).output.size(), 26u);
-    sys().finishedConns.clear();
     /* short length word and short body: no reply */
     EXPECT_TRUE(serve(Bytes{1, 0}, -1).output.empty());
-    sys().finishedConns.clear();
     Bytes shortBody = framed(global_req(2, 1, 2, u32_bytes(0)));
     shortBody.pop_back();
     EXPECT_TRUE(serve(shortBody, -1).output.empty());
-    sys().finishedConns.clear();
     /* longer than the buffer: closed unread */
     Bytes huge = framed(Bytes(DHCPSNOOP_CMD_BUF_SIZE + 1, 0));
     FakeConn c = serve(huge, -1);
     EXPECT_TRUE(c.output.empty());
     EXPECT_EQ(c.readPos, 4u);
-    sys().finishedConns.clear();
     /* a refused send */
     sys().failCall("sendmsg", 1);
     c = serve(framed(global_req(2, 1, 2, u32_bytes(0))), -1);
     EXPECT_TRUE(c.closed);
-    sys().finishedConns.clear();
     /* setsockopt refused */
     sys().failCall("setsockopt", 1, SO_RCVLOWAT);
     EXPECT_TRUE(serve(framed(global_req(2, 1, 2, u32_bytes(0))), -1).output.empty());

@@ -6,35 +6,6 @@
 #include "daemon_fixture.h"
 
 namespace {
-struct Rec {
-    uint8_t add;
-    uint32_t ip, third;
-    uint16_t vlan;
-    bool operator==(const Rec &o) const
-    {
-        return add == o.add && ip == o.ip && third == o.third && vlan == o.vlan;
-    }
-};
-std::ostream &operator<<(std::ostream &os, const Rec &r)
-{
-    return os << int(r.add) << ":" << r.ip << "/" << r.third << "/" << r.vlan;
-}
-
-std::vector<Rec> server_syncs()
-{
-    std::vector<Rec> out;
-    for (auto &b : sync_buffers()) {
-        EXPECT_EQ(b.size(), 16u);
-        EXPECT_EQ(b[0], 2);
-        Rec r{b[1], 0, 0, 0};
-        memcpy(&r.ip, b.data() + 4, 4);
-        memcpy(&r.third, b.data() + 8, 4);
-        memcpy(&r.vlan, b.data() + 12, 2);
-        out.push_back(r);
-    }
-    return out;
-}
-
 std::vector<uint32_t> server_ips()
 {
     std::vector<uint32_t> out;
@@ -52,39 +23,29 @@ protected:
     }
 };
 
-TEST_F(ServerListTest, FullListReplacesItsNewestEntry)
+TEST_F(ServerListTest, FullListReplacesItsNewestEntryAndOnlyAMasterSends)
 {
     startWith(2);
-    set_role(DHCPSNOOP_ROLE_MASTER);
-    dhcpsnoop_server_add(0xA, 10, 1);
-    dhcpsnoop_server_add(0xB, 20, 2);
-    dhcpsnoop_server_add(0xC, 30, 3);
-    EXPECT_EQ(server_ips(), (std::vector<uint32_t>{0xC, 0xA}));
-    EXPECT_EQ(server_syncs(), (std::vector<Rec>{{1, 0xA, 1, 10},
-                                                {1, 0xB, 2, 20},
-                                                {0, 0xB, 2, 20},
-                                                {1, 0xC, 3, 30}}));
+    for (DhcpsnoopRole role : {DHCPSNOOP_ROLE_NONE, DHCPSNOOP_ROLE_SLAVE, DHCPSNOOP_ROLE_MASTER}) {
+        SCOPED_TRACE(role);
+        for (DhcpsnoopServer *s : server_list())
+            dhcpsnoop_server_delete(s);
+        set_role(role);
+        dhcpsnoop_server_add(0xA, 10, 1);
+        dhcpsnoop_server_add(0xB, 20, 2);
+        dhcpsnoop_server_add(0xC, 30, 3);
+        EXPECT_EQ(server_ips(), (std::vector<uint32_t>{0xC, 0xA}));
+    }
+    /* the Master's sends only: each change, the replaced entry's deletion included */
+    EXPECT_EQ(sync_buffers(), (std::vector<std::vector<uint8_t>>{
+                                  server_record(0xA, 10, 1, 1), server_record(0xB, 20, 2, 1),
+                                  server_record(0xB, 20, 2, 0), server_record(0xC, 30, 3, 1)}));
     for (auto &s : model().scalarSyncs)
         EXPECT_EQ(s.mode, 0x80000003u);
     DhcpsnoopServer *c = dhcpsnoop_server_lookup(0xC, 30, 3);
     ASSERT_NE(c, nullptr);
     EXPECT_EQ(c->ifIndex, 3u);
     EXPECT_EQ(c->vid, 30u);
-}
-
-TEST_F(ServerListTest, OnlyAMasterSends)
-{
-    startWith(2);
-    for (DhcpsnoopRole role : {DHCPSNOOP_ROLE_NONE, DHCPSNOOP_ROLE_SLAVE}) {
-        set_role(role);
-        dhcpsnoop_server_add(0xA, 10, 1);
-        dhcpsnoop_server_add(0xB, 10, 1);
-        dhcpsnoop_server_add(0xC, 10, 1);
-        EXPECT_EQ(server_ips(), (std::vector<uint32_t>{0xC, 0xA}));
-        for (DhcpsnoopServer *s : server_list())
-            dhcpsnoop_server_delete(s);
-    }
-    EXPECT_TRUE(model().scalarSyncs.empty());
 }
 
 TEST_F(ServerListTest, LookupNeedsAllThreeValues)

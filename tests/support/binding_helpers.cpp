@@ -1,5 +1,7 @@
 #include "binding_helpers.h"
 
+#include <gtest/gtest.h>
+
 #include <cstring>
 
 #include "switch_model.h"
@@ -91,5 +93,16 @@ std::vector<std::vector<uint8_t>> sync_buffers()
     for (auto &s : sim_model().scalarSyncs)
         if (s.code == DHCPSNOOP_SYNC_CODE)
             out.push_back(s.data);
+    return out;
+}
+
+std::vector<uint8_t> server_record(uint32_t ip, uint32_t vid, uint32_t ifIndex, uint32_t add)
+{
+    DhcpsnoopServer s{};
+    s.serverIp = ip;
+    s.vid = vid;
+    s.ifIndex = ifIndex;
+    std::vector<uint8_t> out(16);
+    EXPECT_EQ(dhcpsnoop_sync_server_pkt_build(&s, add, out.data()), 16u);
     return out;
 }

@@ -28,6 +28,9 @@ size_t user_count();      /* entries in the binding table */
 size_t free_user_nodes(); /* entries on the shared free list */
 std::vector<DhcpsnoopServer *> server_list();
 
+/* A server's sync record, as dhcpsnoop_sync_server_pkt_build writes it. */
+std::vector<uint8_t> server_record(uint32_t ip, uint32_t vid, uint32_t ifIndex, uint32_t add);
+
 /* The sync buffers handed to the platform, in order. */
 std::vector<std::vector<uint8_t>> sync_buffers();
 

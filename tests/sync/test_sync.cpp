@@ -7,6 +7,14 @@
 
 namespace {
 
+/* A value's bytes in host order, as records carry them. */
+template <class T> std::vector<uint8_t> bytes_of(T v)
+{
+    std::vector<uint8_t> b(sizeof v);
+    memcpy(b.data(), &v, sizeof v);
+    return b;
+}
+
 template <class T> T at(const std::vector<uint8_t> &b, size_t off)
 {
     T v;
@@ -21,15 +29,13 @@ std::vector<uint8_t> user_record(const DhcpsnoopUser *u, uint32_t add)
     return out;
 }
 
-std::vector<uint8_t> server_record(uint32_t ip, uint32_t vid, uint32_t ifIndex, uint32_t add)
+/* A dynamic binding of `key` outside the table, to build records from. */
+DhcpsnoopUser record_user(const DhcpsnoopUserKey &key)
 {
-    DhcpsnoopServer s{};
-    s.serverIp = ip;
-    s.vid = vid;
-    s.ifIndex = ifIndex;
-    std::vector<uint8_t> out(16);
-    EXPECT_EQ(dhcpsnoop_sync_server_pkt_build(&s, add, out.data()), 16u);
-    return out;
+    DhcpsnoopUser u{};
+    memcpy(dhcpsnoop_user_key(&u), &key, 20);
+    u.userType = DHCPSNOOP_USER_DYNAMIC;
+    return u;
 }
 
 void set_len(std::vector<uint8_t> &b, size_t off, uint16_t len) { memcpy(&b[off + 2], &len, 2); }
@@ -97,36 +103,21 @@ TEST_F(SyncTest, RecordLayouts)
     u->ipsgHwId = 0x55555555;
     u->daiHwId = 0x66666666;
     u->gateway = 0x77777777;
-    auto r = user_record(u, 1);
-    EXPECT_EQ(r[0], 1);
-    EXPECT_EQ(r[1], 1);
-    EXPECT_EQ(at<uint16_t>(r, 2), 56);
-    EXPECT_EQ(memcmp(r.data() + 4, &key, 20), 0);
-    EXPECT_EQ(at<uint16_t>(r, 24), 0x0ABC);
-    EXPECT_EQ(at<uint16_t>(r, 26), 0x0DEF);
-    EXPECT_EQ(at<uint32_t>(r, 28), 0x01020304u);
-    EXPECT_EQ(at<uint32_t>(r, 32), 0x11111111u);
-    EXPECT_EQ(at<uint32_t>(r, 36), 0x22222222u);
-    EXPECT_EQ((std::vector<uint8_t>(r.begin() + 40, r.begin() + 44)),
-              (std::vector<uint8_t>{0xC0, DHCPSNOOP_USER_STATIC, DHCPSNOOP_BIND_BOUND, 0x30}));
-    EXPECT_EQ(at<uint16_t>(r, 44), 0x3344);
-    EXPECT_EQ(memcmp(r.data() + 46, "\x01\x02\x03\x04\x05\x06", 6), 0);
-    EXPECT_EQ(at<uint32_t>(r, 52), 0x55555555u);
-    EXPECT_EQ(at<uint32_t>(r, 56), 0x66666666u);
-
-    auto d = user_record(u, 0);
-    EXPECT_EQ(d[1], 0);
-    EXPECT_EQ(at<uint16_t>(d, 2), 56);
-    EXPECT_EQ(memcmp(d.data() + 4, &key, 20), 0);
-    EXPECT_EQ(std::vector<uint8_t>(d.begin() + 24, d.end()), std::vector<uint8_t>(36, 0));
-
-    auto s = server_record(0xC0A80001, 0x12345, 7, 1);
-    EXPECT_EQ((std::vector<uint8_t>(s.begin(), s.begin() + 2)), (std::vector<uint8_t>{2, 1}));
-    EXPECT_EQ(at<uint16_t>(s, 2), 12);
-    EXPECT_EQ(at<uint32_t>(s, 4), 0xC0A80001u);
-    EXPECT_EQ(at<uint32_t>(s, 8), 7u);
-    EXPECT_EQ(at<uint16_t>(s, 12), 0x2345); /* the VLAN value travels in 16 bits */
-    EXPECT_EQ(at<uint16_t>(s, 14), 0);
+    const uint8_t *kb = reinterpret_cast<const uint8_t *>(&key);
+    EXPECT_EQ(user_record(u, 1),
+              cat({{1, 1}, bytes_of<uint16_t>(56), {kb, kb + 20}, bytes_of<uint16_t>(0x0ABC),
+                   bytes_of<uint16_t>(0x0DEF), bytes_of<uint32_t>(0x01020304),
+                   bytes_of<uint32_t>(0x11111111), bytes_of<uint32_t>(0x22222222),
+                   {0xC0, DHCPSNOOP_USER_STATIC, DHCPSNOOP_BIND_BOUND, 0x30},
+                   bytes_of<uint16_t>(0x3344), {1, 2, 3, 4, 5, 6}, bytes_of<uint32_t>(0x55555555),
+                   bytes_of<uint32_t>(0x66666666)}));
+    /* a deletion carries the key only */
+    EXPECT_EQ(user_record(u, 0),
+              cat({{1, 0}, bytes_of<uint16_t>(56), {kb, kb + 20}, std::vector<uint8_t>(36, 0)}));
+    /* the VLAN value travels in 16 bits */
+    EXPECT_EQ(server_record(0xC0A80001, 0x12345, 7, 1),
+              cat({{2, 1}, bytes_of<uint16_t>(12), bytes_of<uint32_t>(0xC0A80001),
+                   bytes_of<uint32_t>(7), bytes_of<uint16_t>(0x2345), {0, 0}}));
 }
 
 TEST_F(SyncTest, SingleChangesTravelAloneToDestinationThree)
@@ -260,9 +251,7 @@ TEST_F(SyncTest, SlaveAppliesChangesAsWritten)
 {
     set_role(DHCPSNOOP_ROLE_SLAVE);
     DhcpsnoopUserKey k = v4key(10, 0, 0, 1);
-    DhcpsnoopUser tmpl{};
-    memcpy(dhcpsnoop_user_key(&tmpl), &k, 20);
-    tmpl.userType = DHCPSNOOP_USER_DYNAMIC;
+    DhcpsnoopUser tmpl = record_user(k);
     tmpl.ifIndex = 3;
     tmpl.vid = tmpl.origVid = 10;
     tmpl.leaseTime = 100;
@@ -311,10 +300,8 @@ TEST_F(SyncTest, LengthsNeverLeadPastTheBuffer)
 {
     set_role(DHCPSNOOP_ROLE_SLAVE);
     gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO | DHCPSNOOP_DEBUG_DUMP;
-    DhcpsnoopUser tmpl{};
     DhcpsnoopUserKey k = v4key(10, 0, 0, 1);
-    memcpy(dhcpsnoop_user_key(&tmpl), &k, 20);
-    tmpl.userType = DHCPSNOOP_USER_DYNAMIC;
+    DhcpsnoopUser tmpl = record_user(k);
     const auto user = user_record(&tmpl, 1);
     const auto srv = server_record(0x0A, 10, 3, 1);
 

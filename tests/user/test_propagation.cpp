@@ -1,5 +1,6 @@
 /* Binding propagation: hardware records, rule sources, user events, and the
  * group operations of interfaces and trunk members. */
+#include <array>
 #include <cstring>
 
 #include "binding_helpers.h"
@@ -39,6 +40,13 @@ protected:
         gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
         u = make_user(v4key(10, 0, 0, 1), DHCPSNOOP_USER_DYNAMIC, 3, 10, kMac);
         u->userAttr = 0x1234;
+    }
+    using Hw = std::array<int, 5>;
+    /* What the table says is installed: flags, then source and items of the
+     * source guard and of ARP inspection. */
+    static Hw hw(const DhcpsnoopUser *x)
+    {
+        return {x->hwFlags, x->ipsgSource, x->ipsgCheckItems, x->daiSource, x->daiCheckItems};
     }
 };
 
@@ -128,10 +136,8 @@ TEST_F(PropagationTest, PortSettingsFirstThenTheVlan)
     model().dai[3] = {0, 0, 0x80}; /* present but disabled on the port */
     model().dai[100] = {0, 1, 0x80};
     dhcpsnoop_user_update_hw(u, 1);
-    EXPECT_EQ(u->hwFlags, DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI);
-    EXPECT_EQ(u->ipsgSource, 1);
-    EXPECT_EQ(u->ipsgCheckItems, 0xA0);
-    EXPECT_EQ(u->daiSource, 1);
+    const Hw fromVlan = {DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI, 1, 0xA0, 1, 0x80};
+    EXPECT_EQ(hw(u), fromVlan);
     ASSERT_EQ(model().hwUserCalls.size(), 2u);
     for (auto &c : model().hwUserCalls)
         EXPECT_EQ(c.ifIndex, 3u); /* VLAN-sourced rules still go to the port */
@@ -141,16 +147,12 @@ TEST_F(PropagationTest, PortSettingsFirstThenTheVlan)
     model().ipsg[3] = {0, 1, 0x90};
     dhcpsnoop_user_update_hw(u, 1);
     EXPECT_EQ(model().hwUserCalls.size(), 2u);
-    EXPECT_EQ(u->ipsgCheckItems, 0xA0);
+    EXPECT_EQ(hw(u), fromVlan);
 
     /* withdrawing uses the items in force; a refusal keeps the rule marked */
     model().failOn("qorIfSetApi", 300, 5, 1);
     dhcpsnoop_user_update_hw(u, 0);
-    EXPECT_EQ(u->hwFlags, DHCPSNOOP_HW_IPSG);
-    EXPECT_EQ(u->ipsgSource, 1);
-    EXPECT_EQ(u->ipsgCheckItems, 0xA0);
-    EXPECT_EQ(u->daiSource, 0);
-    EXPECT_EQ(u->daiCheckItems, 0);
+    EXPECT_EQ(hw(u), (Hw{DHCPSNOOP_HW_IPSG, 1, 0xA0, 0, 0}));
     EXPECT_EQ(record_of(model().hwUserCalls[2]).vid, 10); /* 0xA0 asked for the VLAN */
     dhcpsnoop_user_update_hw(u, 0);
     EXPECT_EQ(u->hwFlags, 0);
@@ -160,8 +162,7 @@ TEST_F(PropagationTest, PortSettingsFirstThenTheVlan)
     dhcpsnoop_user_update_hw(u, 1);
     EXPECT_EQ(u->hwFlags, DHCPSNOOP_HW_DAI);
     dhcpsnoop_user_update_hw(u, 1);
-    EXPECT_EQ(u->ipsgSource, 2);
-    EXPECT_EQ(u->ipsgCheckItems, 0x90);
+    EXPECT_EQ(hw(u), (Hw{DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI, 2, 0x90, 1, 0x80}));
 
     /* without hooks nothing is installed */
     DhcpsnoopUser *w = make_user(v4key(10, 0, 0, 2), DHCPSNOOP_USER_DYNAMIC, 3, 10);
@@ -178,11 +179,9 @@ TEST_F(PropagationTest, SlaveMarksButNeverPrograms)
     model().ipsg[3] = {0, 1, 0xF0};
     model().dai[3] = {0, 1, 0xC0};
     dhcpsnoop_user_update_hw(u, 1);
-    EXPECT_EQ(u->hwFlags, DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI);
-    EXPECT_EQ(u->ipsgSource, 2);
-    EXPECT_EQ(u->daiCheckItems, 0xC0);
+    EXPECT_EQ(hw(u), (Hw{DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI, 2, 0xF0, 2, 0xC0}));
     dhcpsnoop_user_update_hw(u, 0);
-    EXPECT_EQ(u->hwFlags, 0);
+    EXPECT_EQ(hw(u), (Hw{0, 0, 0, 0, 0}));
     EXPECT_TRUE(model().hwUserCalls.empty());
 }
 
@@ -197,28 +196,17 @@ TEST_F(PropagationTest, UserEventsOnlyForIpv4DynamicWithGateway)
     const auto &send = model().netlinkSends[0];
     EXPECT_EQ(send.type, 16u);
     EXPECT_EQ(send.flags, 0u);
-    ASSERT_EQ(send.record.size(), 72u);
-    uint32_t w[3];
+    /* words 0, 51, 72, the event, zeros to 24, then the body */
+    std::vector<uint8_t> want(72, 0);
+    const uint32_t head[3] = {0, 51, 72};
+    const uint16_t added = 188;
+    const DhcpsnoopUserEvent body{{0x00, 0x11, 0x22, 0x33, 0x44, 0x55}, 10, 3, {10, 0, 0, 1},
+                                  {10, 0, 0, 254}, 0, 1, 0};
+    memcpy(want.data(), head, 12);
+    memcpy(&want[12], &added, 2);
+    memcpy(&want[24], &body, 48);
+    EXPECT_EQ(send.record, want);
     uint16_t ev;
-    memcpy(w, send.record.data(), 12);
-    memcpy(&ev, send.record.data() + 12, 2);
-    EXPECT_EQ(w[0], 0u);
-    EXPECT_EQ(w[1], 51u);
-    EXPECT_EQ(w[2], 72u);
-    EXPECT_EQ(ev, 188);
-    EXPECT_TRUE(all_zero(send.record.data() + 14, 10));
-    DhcpsnoopUserEvent body;
-    memcpy(&body, send.record.data() + 24, 48);
-    EXPECT_EQ(memcmp(body.mac, kMac.data(), 6), 0);
-    EXPECT_EQ(body.vid, 10);
-    EXPECT_EQ(body.ifIndex, 3u);
-    EXPECT_EQ(memcmp(body.addr, "\x0A\x00\x00\x01", 4), 0);
-    EXPECT_TRUE(all_zero(body.addr + 4, 12));
-    EXPECT_EQ(memcmp(body.gateway, "\x0A\x00\x00\xFE", 4), 0);
-    EXPECT_TRUE(all_zero(body.gateway + 4, 12));
-    EXPECT_EQ(body.zero, 0);
-    EXPECT_EQ(body.family, 1);
-    EXPECT_EQ(body.pad, 0);
     for (int i : {1, 2}) {
         memcpy(&ev, model().netlinkSends[i].record.data() + 12, 2);
         EXPECT_EQ(ev, 189);

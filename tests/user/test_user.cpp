@@ -1,6 +1,7 @@
 /* Binding table: keys and buckets, learning with its limits, binding on ACK,
  * deletion, queries, and the MAC users that share the node pool. */
 #include <cstring>
+#include <tuple>
 
 #include "binding_helpers.h"
 #include "daemon_fixture.h"
@@ -93,18 +94,11 @@ TEST_F(UserTest, LearningRecordsAProvisionalBindingAndLogsIt)
     ASSERT_EQ(dhcpsnoop_user_add(&key, nullptr, &info), 0);
     DhcpsnoopUser *u = dhcpsnoop_user_lookup(&key);
     ASSERT_NE(u, nullptr);
-    EXPECT_EQ(u->vid, 10);
-    EXPECT_EQ(u->origVid, 10);
-    EXPECT_EQ(u->ifIndex, 3u);
     EXPECT_EQ(memcmp(u->mac, kMacA.data(), 6), 0);
-    EXPECT_EQ(u->userType, DHCPSNOOP_USER_DYNAMIC);
-    EXPECT_EQ(u->leaseTime, 60u);
-    EXPECT_EQ(u->leaseStart, 5000u);
-    EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_REQUESTED);
-    EXPECT_EQ(u->macMark, 0x30);
-    EXPECT_EQ(u->vendorTag, 0xABCDu);
-    EXPECT_EQ(u->serverId, 0x01020304u);
-    EXPECT_EQ(u->hwFlags, 0);
+    EXPECT_EQ(std::tuple(u->vid, u->origVid, u->ifIndex, u->userType, u->leaseTime, u->leaseStart),
+              std::tuple(10, 10, 3u, DHCPSNOOP_USER_DYNAMIC, 60u, 5000u));
+    EXPECT_EQ(std::tuple(u->bindState, u->macMark, u->vendorTag, u->serverId, u->hwFlags),
+              std::tuple(DHCPSNOOP_BIND_REQUESTED, 0x30, 0xABCDu, 0x01020304u, 0));
     EXPECT_EQ(port3->curUser, 1);
     EXPECT_EQ(vlan10->curUser, 1);
     ASSERT_EQ(model().logLines.size(), 1u);
@@ -228,18 +222,15 @@ TEST_F(UserTest, AcknowledgementBindsTheEntry)
     /* without option 51 the provisional lease stays */
     memcpy(ack.clientIp, key.ipAddr, 4);
     EXPECT_EQ(dhcpsnoop_user_update(&ack, &opt125, &boot), u);
-    EXPECT_EQ(u->leaseTime, 60u);
-    EXPECT_EQ(u->leaseStart, 1000u);
-    EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_REQUESTED);
+    EXPECT_EQ(std::tuple(u->leaseTime, u->leaseStart, u->bindState),
+              std::tuple(60u, 1000u, DHCPSNOOP_BIND_REQUESTED));
     EXPECT_TRUE(model().netlinkSends.empty()); /* no gateway, no user event */
 
     ack.leaseTime = 86400;
     memcpy(&ack.router, "\xC0\xA8\x01\x01", 4);
     EXPECT_EQ(dhcpsnoop_user_update(&ack, &opt125, &boot), u);
-    EXPECT_EQ(u->leaseTime, 86400u);
-    EXPECT_EQ(u->leaseStart, 1500u);
-    EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_BOUND);
-    EXPECT_EQ(u->gateway, ack.router);
+    EXPECT_EQ(std::tuple(u->leaseTime, u->leaseStart, u->bindState, u->gateway),
+              std::tuple(86400u, 1500u, DHCPSNOOP_BIND_BOUND, ack.router));
     ASSERT_EQ(model().netlinkSends.size(), 1u);
 
     ASSERT_EQ(model().deftinstallCalls.size(), 2u);
@@ -363,13 +354,9 @@ TEST_F(UserTest, MacUsersShareBucketsAndThePool)
     DhcpsnoopMacUser *mb = dhcpsnoop_mac_user_add(&ib);
     EXPECT_EQ(dhcpsnoop_mac_user_lookup(a.data()), ma);
     EXPECT_EQ(dhcpsnoop_mac_user_lookup(b.data()), mb);
-    EXPECT_EQ(ma->ifIndex, 5u);
-    EXPECT_EQ(ma->vid, 10);
-    EXPECT_EQ(ma->ageTime, 120u);
-    EXPECT_EQ(ma->seenTime, 7000u);
-    EXPECT_EQ(ma->serverId, 42u);
-    EXPECT_EQ(mb->ifIndex, 3u);
-    EXPECT_EQ(mb->vid, 20);
+    EXPECT_EQ(std::tuple(ma->ifIndex, ma->vid, ma->ageTime, ma->seenTime, ma->serverId),
+              std::tuple(5u, 10, 120u, 7000u, 42u));
+    EXPECT_EQ(std::tuple(mb->ifIndex, mb->vid), std::tuple(3u, 20));
     EXPECT_EQ(port3->curUser + vlan10->curUser, 0);
 
     /* bindings and MAC users together exhaust the 16 nodes */
