@@ -4,6 +4,7 @@
 #ifndef DHCPSNOOP_FUZZ_STATE_H
 #define DHCPSNOOP_FUZZ_STATE_H
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -44,6 +45,13 @@ inline size_t fuzz_chain_length(const DhcpsnoopList *head)
     for (const DhcpsnoopList *e = head->next; e != head; e = e->next)
         n++;
     return n;
+}
+
+/* The daemon's hex dumps go to standard output; keep it quiet while fuzzing. */
+inline void fuzz_quiet_stdout()
+{
+    if (!freopen("/dev/null", "w", stdout))
+        abort();
 }
 
 #endif

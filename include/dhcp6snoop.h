@@ -21,7 +21,22 @@ constexpr uint32_t DHCP6_OPT_STATUS_CODE = 13;
 constexpr uint32_t DHCP6_OPT_INTERFACE_ID = 18;
 constexpr uint32_t DHCP6_OPT_REMOTE_ID = 37;
 
+/* DHCPv6 message types the engine tells apart. */
+constexpr uint32_t DHCP6_SOLICIT = 1;
+constexpr uint32_t DHCP6_ADVERTISE = 2;
+constexpr uint32_t DHCP6_REQUEST = 3;
+constexpr uint32_t DHCP6_REPLY = 7;
+constexpr uint32_t DHCP6_RELEASE = 8;
+constexpr uint32_t DHCP6_DECLINE = 9;
+constexpr uint32_t DHCP6_RECONFIGURE = 10;
+constexpr uint32_t DHCP6_RELAY_FORW = 12;
+constexpr uint32_t DHCP6_RELAY_REPL = 13;
+
 inline uint32_t dhcp6_be16(const uint8_t *p) { return uint32_t(p[0]) << 8 | p[1]; }
+inline uint32_t dhcp6_be32(const uint8_t *p)
+{
+    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
 
 uint32_t ipv6_addr_type(const uint8_t *addr);
 /* Record the top-level status, relay and IA options of the message again

@@ -1,7 +1,7 @@
 /* DHCPv4/DHCPv6 frame reception: parse, family check, trace and dispatch. */
 #include <stdio.h>
 
-#include "dhcpsnoop_msg.h"
+#include "dhcp6snoop.h"
 #include "dhcpsnoop_sys.h"
 
 namespace {
@@ -13,9 +13,6 @@ const char *msg_type_name(uint32_t type)
     return type < sizeof names / sizeof names[0] ? names[type] : "unknow";
 }
 
-constexpr uint32_t DHCP6_ADVERTISE = 2;
-constexpr uint32_t DHCP6_REPLY = 7;
-constexpr uint32_t DHCP6_RECONFIGURE = 10;
 
 } // namespace
 

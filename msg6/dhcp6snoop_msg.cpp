@@ -16,19 +16,13 @@ constexpr uint32_t NH_ROUTING = 43;
 constexpr uint32_t NH_FRAGMENT = 44;
 constexpr uint32_t NH_DEST_OPTS = 60;
 constexpr uint32_t NH_UDP = 17;
-constexpr uint32_t DHCP6_RELAY_FORW = 12;
-constexpr uint32_t DHCP6_RELAY_REPL = 13;
 
-uint32_t be32(const uint8_t *p)
-{
-    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
 
 } // namespace
 
 uint32_t ipv6_addr_type(const uint8_t *addr)
 {
-    uint32_t w0 = be32(addr), w1 = be32(addr + 4), w2 = be32(addr + 8), w3 = be32(addr + 12);
+    uint32_t w0 = dhcp6_be32(addr), w1 = dhcp6_be32(addr + 4), w2 = dhcp6_be32(addr + 8), w3 = dhcp6_be32(addr + 12);
     uint32_t top3 = w0 & 0xE0000000u;
     if (top3 != 0 && top3 != 0xE0000000u)
         return IPV6_ADDR_UNICAST;

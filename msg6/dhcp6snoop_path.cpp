@@ -11,17 +11,7 @@
 
 namespace {
 
-constexpr uint32_t DHCP6_SOLICIT = 1;
-constexpr uint32_t DHCP6_REQUEST = 3;
-constexpr uint32_t DHCP6_REPLY = 7;
-constexpr uint32_t DHCP6_RELEASE = 8;
-constexpr uint32_t DHCP6_DECLINE = 9;
 constexpr uint32_t IAADDR_FIXED = 24;
-
-uint32_t be32(const uint8_t *p)
-{
-    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
 
 /* A Status Code option with a code, in an area; -1 when there is none. */
 int64_t status_in(uint8_t *area, int64_t len, const uint8_t *end)
@@ -70,7 +60,7 @@ void dhcp6snoop_process_each_ia_opt(DhcpsnoopPktInfo *info, uint32_t fromClient)
             int64_t nextLen = innerLen - 4 - alen;
             if (alen >= IAADDR_FIXED && addr + 4 + IAADDR_FIXED <= end) {
                 const uint8_t *ip = addr + 4;
-                uint32_t valid = be32(addr + 4 + 20);
+                uint32_t valid = dhcp6_be32(addr + 4 + 20);
                 char text[INET6_ADDRSTRLEN];
                 inet_ntop(AF_INET6, ip, text, sizeof text);
                 DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Get ip address %s in IA_ADDR option, valid_time %d.\r\n",

@@ -106,3 +106,14 @@ std::vector<uint8_t> server_record(uint32_t ip, uint32_t vid, uint32_t ifIndex, 
     EXPECT_EQ(dhcpsnoop_sync_server_pkt_build(&s, add, out.data()), 16u);
     return out;
 }
+
+void BindingFixture::startWithPorts(uint16_t userMax)
+{
+    start(8, userMax);
+    set_role(DHCPSNOOP_ROLE_NONE);
+    port3 = enablePort(3);
+    port4 = enablePort(4);
+    model().addVlanIf(100, 10, "vlan10");
+    ASSERT_EQ(dhcpsnoop_if_enable(100), 0u);
+    vlan10 = dhcpsnoop_if_lookup(100);
+}

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "daemon_fixture.h"
 #include "dhcpsnoop_user.h"
 
 using Mac = std::array<uint8_t, 6>;
@@ -33,5 +34,13 @@ std::vector<uint8_t> server_record(uint32_t ip, uint32_t vid, uint32_t ifIndex, 
 
 /* The sync buffers handed to the platform, in order. */
 std::vector<std::vector<uint8_t>> sync_buffers();
+
+/* A started daemon (role None) with snooping on ports 3 and 4 and on the
+ * VLAN interface of VLAN 10 (index 100). */
+class BindingFixture : public DaemonTest {
+protected:
+    void startWithPorts(uint16_t userMax);
+    DhcpsnoopIf *port3 = nullptr, *port4 = nullptr, *vlan10 = nullptr;
+};
 
 #endif

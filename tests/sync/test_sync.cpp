@@ -58,20 +58,12 @@ std::vector<uint8_t> cat(std::initializer_list<std::vector<uint8_t>> parts)
 
 } // namespace
 
-class SyncTest : public DaemonTest {
+class SyncTest : public BindingFixture {
 protected:
-    DhcpsnoopIf *port3 = nullptr, *port4 = nullptr, *vlan10 = nullptr;
-
     void SetUp() override
     {
         DaemonTest::SetUp();
-        start(8, 40);
-        set_role(DHCPSNOOP_ROLE_NONE);
-        port3 = enablePort(3);
-        port4 = enablePort(4);
-        model().addVlanIf(100, 10, "vlan10");
-        ASSERT_EQ(dhcpsnoop_if_enable(100), 0u);
-        vlan10 = dhcpsnoop_if_lookup(100);
+        startWithPorts(40);
     }
 
     void addUsers(int n, uint8_t net = 1)

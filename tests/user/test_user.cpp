@@ -11,20 +11,12 @@ const Mac kMacA = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
 const Mac kMacB = {0x00, 0x11, 0x22, 0x33, 0x44, 0x66};
 } // namespace
 
-class UserTest : public DaemonTest {
+class UserTest : public BindingFixture {
 protected:
-    DhcpsnoopIf *port3 = nullptr, *port4 = nullptr, *vlan10 = nullptr;
-
     void SetUp() override
     {
         DaemonTest::SetUp();
-        start(8, 16);
-        set_role(DHCPSNOOP_ROLE_NONE);
-        port3 = enablePort(3);
-        port4 = enablePort(4);
-        model().addVlanIf(100, 10, "vlan10");
-        ASSERT_EQ(dhcpsnoop_if_enable(100), 0u);
-        vlan10 = dhcpsnoop_if_lookup(100);
+        startWithPorts(16);
         gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO;
     }
 
