@@ -421,7 +421,9 @@ void dhcpsnoop_fake_server_show(void)
     for (DhcpsnoopList *n = gDhcpsnoop.serverList.next; n != &gDhcpsnoop.serverList; n = n->next) {
         const DhcpsnoopServer *s = dhcpsnoop_entry<DhcpsnoopServer>(n);
         char addr[INET_ADDRSTRLEN] = "";
-        inet_ntop(AF_INET, &s->serverIp, addr, sizeof addr);
+        struct in_addr a;
+        a.s_addr = htonl(s->serverIp);
+        inet_ntop(AF_INET, &a, addr, sizeof addr);
         char descr[64] = "";
         nmGetIfPartDescr(s->ifIndex, descr, sizeof descr);
         descr[sizeof descr - 1] = 0;

@@ -246,7 +246,7 @@ DhcpsnoopUser *dhcpsnoop_user_update(DhcpsnoopPktInfo *info, DhcpsnoopOptBuf *op
         u->bindState = DHCPSNOOP_BIND_BOUND;
     }
     if (info->router) {
-        u->gateway = info->router;
+        u->gateway = htonl(info->router); /* the parser's number, kept as address bytes */
         dhcpsnoop_user_notifier(u, 1);
     }
     tell_deftinstall(u, 1, opt125, bootFile);

@@ -19,7 +19,7 @@ constexpr uint32_t CLIENT_PORT = 1, SERVER_PORT = 2, OTHER_PORT = 3;
 constexpr uint16_t VLAN = 10;
 constexpr uint32_t SERVER_IP = 0xC0000201;  /* 192.0.2.1 */
 constexpr uint32_t CLIENT_IP = 0xC0000264;  /* 192.0.2.100 */
-constexpr uint32_t GATEWAY_IP = 0xC0000202; /* 192.0.2.2 */
+constexpr uint32_t GATEWAY_IP = 0xC00002FE; /* 192.0.2.254 */
 const std::array<uint8_t, 6> CLIENT_MAC{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
 const std::array<uint8_t, 6> SERVER_MAC{0x02, 0xAA, 0xAA, 0xAA, 0xAA, 0x01};
 
@@ -202,7 +202,14 @@ TEST_F(PathTest, DoraBindsTheClientAndKeepsRepliesOnItsPort)
     EXPECT_TRUE(udp4_checksum_ok(out[0].bytes.data(), 14));
     EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_BOUND);
     EXPECT_EQ(u->leaseTime, 7200u);
-    EXPECT_EQ(u->gateway, GATEWAY_IP);
+    /* the gateway as address bytes, in the event beside the client's and in its text */
+    EXPECT_EQ(memcmp(&u->gateway, ipv4(GATEWAY_IP).data(), 4), 0);
+    ASSERT_FALSE(model().netlinkSends.empty());
+    const std::vector<uint8_t> &ev = model().netlinkSends.back().record;
+    ASSERT_EQ(ev.size(), 72u);
+    EXPECT_EQ(std::vector<uint8_t>(ev.begin() + 36, ev.begin() + 40), ipv4(CLIENT_IP));
+    EXPECT_EQ(std::vector<uint8_t>(ev.begin() + 52, ev.begin() + 56), ipv4(GATEWAY_IP));
+    EXPECT_EQ(model().debugCount("ip 192.0.2.100, gateway 192.0.2.254.\r\n"), 1u);
     ASSERT_EQ(model().hwUserCalls.size(), hwBefore + 1);
     const SimHwUserCall &hw = model().hwUserCalls.back();
     EXPECT_EQ(hw.ifIndex, CLIENT_PORT);

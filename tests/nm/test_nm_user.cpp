@@ -237,11 +237,11 @@ TEST_F(UserMgmtTest, LearnedServersAreShown)
     testing::internal::CaptureStdout();
     dhcpsnoop_fake_server_show();
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n\r");
-    dhcpsnoop_server_add(htonl(0xC0A80101), 12, 3);
+    dhcpsnoop_server_add(0xC0A864C8, 12, 3); /* host order, as the server path learns it */
     testing::internal::CaptureStdout();
     dhcpsnoop_fake_server_show();
     char want[200];
     snprintf(want, sizeof want, "\n\r %-18s%-10s%-12s\n\r %-18s%-10ld%-12s\n\r", "IpAddr", "Vid",
-             "Interface", "192.168.1.1", 12L, "swp3");
+             "Interface", "192.168.100.200", 12L, "swp3");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), want);
 }

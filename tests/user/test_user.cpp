@@ -219,10 +219,10 @@ TEST_F(UserTest, AcknowledgementBindsTheEntry)
     EXPECT_TRUE(model().netlinkSends.empty()); /* no gateway, no user event */
 
     ack.leaseTime = 86400;
-    memcpy(&ack.router, "\xC0\xA8\x01\x01", 4);
+    ack.router = 0xC0A80101; /* the parser's number */
     EXPECT_EQ(dhcpsnoop_user_update(&ack, &opt125, &boot), u);
     EXPECT_EQ(std::tuple(u->leaseTime, u->leaseStart, u->bindState, u->gateway),
-              std::tuple(86400u, 1500u, DHCPSNOOP_BIND_BOUND, ack.router));
+              std::tuple(86400u, 1500u, DHCPSNOOP_BIND_BOUND, htonl(0xC0A80101)));
     ASSERT_EQ(model().netlinkSends.size(), 1u);
 
     ASSERT_EQ(model().deftinstallCalls.size(), 2u);
