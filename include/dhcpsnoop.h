@@ -4,6 +4,11 @@
  * All state lives in the one record gDhcpsnoop.  Every table entry begins with
  * the two link words of a circular doubly linked list with a sentinel head, so
  * an entry moves between its free list and its table by relinking alone.
+ *
+ * IPv4 addresses are held in one of two forms, named beside each field:
+ * "host order" is a u32 number whose most significant byte is the address's
+ * first (as frames are read, byte by byte); "network order" is the address
+ * bytes as they lie in a frame.  IPv6 addresses are always bytes.
  */
 #ifndef DHCPSNOOP_H
 #define DHCPSNOOP_H
@@ -142,8 +147,8 @@ struct DhcpsnoopIf {
     uint8_t interfaceIdFmt, remoteId6Fmt, circuitIdFmt, remoteIdFmt;
     uint8_t circuitIdType, remoteIdType;
     uint32_t counters[3];
-    uint32_t relayAddr;
-    uint32_t serverIp[3];
+    uint32_t relayAddr;   /* host order */
+    uint32_t serverIp[3]; /* host order */
 };
 
 /* Bits of DhcpsnoopIf::flags. */
@@ -201,7 +206,7 @@ inline void dhcpsnoop_if_set_field(DhcpsnoopIf *e, uint32_t mask, int shift, uin
 
 struct DhcpsnoopServer {
     DhcpsnoopList link;
-    uint32_t serverIp;
+    uint32_t serverIp; /* host order */
     uint32_t ifIndex;
     uint32_t vid;
 };
@@ -213,7 +218,7 @@ struct DhcpsnoopServer {
 struct DhcpsnoopUserKey {
     uint8_t ipType;
     uint8_t reserved[3];
-    uint8_t ipAddr[16];
+    uint8_t ipAddr[16]; /* network order; IPv4 in the first 4 bytes */
 };
 static_assert(sizeof(DhcpsnoopUserKey) == 20, "the user key is 20 bytes on the wire");
 
@@ -221,7 +226,7 @@ struct DhcpsnoopUser {
     DhcpsnoopList link;
     uint8_t ipType;
     uint8_t reserved[3];
-    uint8_t ipAddr[16];
+    uint8_t ipAddr[16]; /* network order, as in the key */
     uint16_t vid;
     uint16_t origVid;
     uint32_t ifIndex;
@@ -235,13 +240,13 @@ struct DhcpsnoopUser {
     uint8_t mac[6];
     uint32_t ipsgHwId;
     uint32_t daiHwId;
-    uint32_t gateway;
+    uint32_t gateway;  /* network order: the address bytes, as events carry them */
     uint32_t vendorTag;
     uint8_t ipsgSource;
     uint8_t daiSource;
     uint8_t ipsgCheckItems;
     uint8_t daiCheckItems;
-    uint32_t serverId;
+    uint32_t serverId; /* host order */
 };
 static_assert(offsetof(DhcpsnoopUser, ipAddr) - offsetof(DhcpsnoopUser, ipType) == 4,
               "the key is stored whole in the entry");
@@ -260,7 +265,7 @@ struct DhcpsnoopMacUser {
     uint32_t ageTime;
     uint32_t seenTime;
     uint8_t mac[6];
-    uint32_t serverId;
+    uint32_t serverId; /* host order */
 };
 static_assert(sizeof(DhcpsnoopMacUser) <= sizeof(DhcpsnoopUser),
               "MAC users share the user nodes");
@@ -298,7 +303,7 @@ struct DhcpsnoopPktInfo {
     uint8_t *ethHdr;
     uint32_t l2HdrLen;
     uint8_t *ipHdr;
-    uint32_t srcIp;
+    uint32_t srcIp; /* host order */
     uint8_t *ipTotLen;
     uint32_t ipHdrLen;
     uint32_t ipBodyLen;
@@ -308,10 +313,10 @@ struct DhcpsnoopPktInfo {
     uint8_t *dhcpMsg;
     uint8_t *chaddr;
     uint32_t dhcpLen;
-    uint8_t clientIp[4];
-    uint32_t giaddr;
-    uint32_t router;
-    uint32_t serverId;
+    uint8_t clientIp[4]; /* network order */
+    uint32_t giaddr;     /* host order */
+    uint32_t router;     /* host order */
+    uint32_t serverId;   /* host order */
     uint32_t leaseTime;
     uint32_t msgType;
     uint8_t *opt82;

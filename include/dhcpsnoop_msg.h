@@ -84,6 +84,7 @@ int dhcpsnoop_delimiter_check(int c);
 void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info);
 int dhcpsnoop_send_to_server(DhcpsnoopPktInfo *info);
 int dhcpsnoop_npt_send_to_server(DhcpsnoopPktInfo *info);
+/* fromAddr, toAddr: IPv4 in host order */
 void dhcpsnoop_udp_socket_send(DhcpsnoopPktInfo *info, uint32_t fromAddr, uint32_t toAddr);
 
 /* ---- server path and senders towards clients (msg/) ---- */

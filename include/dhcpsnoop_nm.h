@@ -75,7 +75,7 @@ int32_t dhcpSnoopUserSetApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *val
 int32_t dhcpSnoopUserSyncApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *value);
 int32_t dhcpSnoopUserGetApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *value);
 
-/* ---- relay server-ips: pair = {interface index, IPv4 address} ---- */
+/* ---- relay server-ips: pair = {interface index, IPv4 address in host order} ---- */
 int32_t dhcpSnoopServerIpGetFirst(uint32_t *pair);
 int32_t dhcpSnoopServerIpGetNext(const uint32_t *pair, uint32_t *next);
 int32_t _dhcpSnoopServerIpSetApi(const uint32_t *pair, uint32_t cmd, void *value, uint32_t mode);

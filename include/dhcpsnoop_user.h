@@ -50,7 +50,7 @@ static_assert(sizeof(DhcpsnoopInstallRec) == 28, "install record layout");
 
 /* Query of dhcpsnoop_user_get. */
 struct DhcpsnoopUserQuery {
-    uint8_t ipAddr[16];
+    uint8_t ipAddr[16]; /* network order, as in the key */
     uint32_t ifIndex;
     uint8_t mac[6];
     uint16_t vid;
@@ -66,7 +66,7 @@ struct DhcpsnoopHwUserRecord {
     uint16_t vid;       /* check item 0x20 */
     uint32_t ifIndex;   /* check item 0x10 */
     uint32_t ipsgHwId;  /* rule kind 1; the hardware may write it back */
-    uint8_t addr[16];   /* check item 0x80: 4 bytes IPv4, 16 IPv6 */
+    uint8_t addr[16];   /* check item 0x80: 4 bytes IPv4, 16 IPv6; network order */
     uint16_t userAttr;  /* always */
     uint16_t origVid;   /* check item 0x20 */
     uint8_t ipType;     /* always */
@@ -123,7 +123,7 @@ int dhcpsnoop_user_state_notify(DhcpsnoopUser *entry, uint32_t add, uint8_t *ite
 void dhcpsnoop_user_update_hw(DhcpsnoopUser *entry, uint32_t add);
 void dhcpsnoop_user_process_on_trunk(uint32_t trunk, uint32_t port, uint32_t operate);
 
-/* ---- relay server list (main/) ---- */
+/* ---- relay server list (main/); serverIp in host order ---- */
 DhcpsnoopServer *dhcpsnoop_server_lookup(uint32_t serverIp, uint32_t vid, uint32_t ifIndex);
 void dhcpsnoop_server_add(uint32_t serverIp, uint32_t vid, uint32_t ifIndex);
 DhcpsnoopServer *dhcpsnoop_server_alloc(void);
