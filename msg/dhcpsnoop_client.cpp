@@ -178,6 +178,18 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
         }
     }
 
+    bool changesBinding = info->msgType == DHCP_REQUEST || info->msgType == DHCP_DECLINE ||
+                          info->msgType == DHCP_RELEASE;
+    if (gDhcpsnoop.bindingGuard && changesBinding && user &&
+        user->userType == DHCPSNOOP_USER_DYNAMIC && user->bindState == DHCPSNOOP_BIND_BOUND &&
+        (user->ifIndex != inport || memcmp(user->mac, info->chaddr, 6) != 0)) {
+        /* a bound entry is its client's: a frame from elsewhere would
+         * replace or remove it, so it goes no further */
+        ifp->counters[DHCPSNOOP_CNT_GUARD]++;
+        DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Bound user belongs to another client, stop process!\r\n");
+        return;
+    }
+
     bool relaying = info->giaddr == 0 && ifp->relayAddr != 0;
     DhcpsnoopMacUser *macUser = nullptr;
     if (relaying) {
@@ -185,6 +197,7 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
         if (!macUser && !user) {
             macUser = dhcpsnoop_mac_user_add(info);
             if (!macUser) {
+                ifp->counters[DHCPSNOOP_CNT_TABLE_FULL]++;
                 DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Failed to add mac user entry, stop process!\r\n");
                 return;
             }
@@ -193,16 +206,20 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
     if (macUser) {
         if (info->msgType == DHCP_REQUEST) {
             dhcpsnoop_mac_user_delete(macUser);
-            if (dhcpsnoop_user_add(&key, user, info) != 0)
+            if (dhcpsnoop_user_add(&key, user, info) != 0) {
+                ifp->counters[DHCPSNOOP_CNT_TABLE_FULL]++;
                 return;
+            }
         } else if (info->msgType == DHCP_DECLINE || info->msgType == DHCP_RELEASE) {
             if (user && user->userType == DHCPSNOOP_USER_DYNAMIC)
                 dhcpsnoop_user_delete(user);
             dhcpsnoop_mac_user_delete(macUser);
         }
     } else if (info->msgType == DHCP_REQUEST) {
-        if (dhcpsnoop_user_add(&key, user, info) != 0)
+        if (dhcpsnoop_user_add(&key, user, info) != 0) {
+            ifp->counters[DHCPSNOOP_CNT_TABLE_FULL]++;
             return;
+        }
     } else if (info->msgType == DHCP_DECLINE || info->msgType == DHCP_RELEASE) {
         if (user && user->userType == DHCPSNOOP_USER_DYNAMIC)
             dhcpsnoop_user_delete(user);

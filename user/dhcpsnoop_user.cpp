@@ -147,6 +147,13 @@ int dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *entry, Dhcpsn
         vlanIf = dhcpsnoop_if_lookup_by_vid(vid);
     }
 
+    /* a request that names no address has nothing to bind */
+    static const uint8_t unspecified[16] = {};
+    if (memcmp(key->ipAddr, unspecified, addr_len(key->ipType)) == 0) {
+        DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Client ip address is zero, no user entry!\r\n");
+        return 0;
+    }
+
     if (portIf && (portIf->flags & ifflag::TRUSTED)) {
         DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Received Boot-Request message on trust port, don't record "
                           "user entry!\r\n");
