@@ -147,6 +147,12 @@ int guarded_bind(int fd, const struct sockaddr *addr, socklen_t len)
     return rc;
 }
 
+/* Many front ends at once (scripts) wait in the queue rather than fail. */
+int roomy_listen(int fd, int backlog)
+{
+    return g_inner->listen(fd, fd == gDhcpsnoop.cmdSock ? std::max(backlog, SOMAXCONN) : backlog);
+}
+
 /* Root, or a process with the socket's group among its groups. */
 bool peer_allowed(int fd)
 {
@@ -617,6 +623,7 @@ int linux_platform_init(void)
     g_ops.bind = guarded_bind;
     g_ops.unlink = guarded_unlink;
     g_ops.accept = guarded_accept;
+    g_ops.listen = roomy_listen;
     g_ops.select = interruptible_select;
     dhcpsnoop_sys_set(&g_ops);
 
