@@ -1475,8 +1475,12 @@ int cmd_interface(Session &s, Args &a)
         a.done();
         return if_set(s, ifIndex, cmd, on, label);
     };
-    if (what == "enable")
-        return flag(IF_ENABLE);
+    if (what == "enable") {
+        bool on = parse_onoff(a.next("on or off"), t);
+        a.done();
+        const std::string notPort = name + " is not a port of the switch";
+        return if_set(s, ifIndex, IF_ENABLE, on, label, {{0x3E80002, notPort.c_str()}});
+    }
     if (what == "trust")
         return flag(IF_TRUST);
     if (what == "version") {
