@@ -178,17 +178,12 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
         }
     }
 
+    /* a bound entry is its client's: a frame from elsewhere would replace
+     * or remove it, so it goes no further */
     bool changesBinding = info->msgType == DHCP_REQUEST || info->msgType == DHCP_DECLINE ||
                           info->msgType == DHCP_RELEASE;
-    if (gDhcpsnoop.bindingGuard && changesBinding && user &&
-        user->userType == DHCPSNOOP_USER_DYNAMIC && user->bindState == DHCPSNOOP_BIND_BOUND &&
-        (user->ifIndex != inport || memcmp(user->mac, info->chaddr, 6) != 0)) {
-        /* a bound entry is its client's: a frame from elsewhere would
-         * replace or remove it, so it goes no further */
-        ifp->counters[DHCPSNOOP_CNT_GUARD]++;
-        DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Bound user belongs to another client, stop process!\r\n");
+    if (changesBinding && dhcpsnoop_user_guarded(user, inport, info->chaddr, ifp))
         return;
-    }
 
     bool relaying = info->giaddr == 0 && ifp->relayAddr != 0;
     DhcpsnoopMacUser *macUser = nullptr;

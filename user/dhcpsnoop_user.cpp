@@ -218,6 +218,20 @@ int dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *entry, Dhcpsn
     return 0;
 }
 
+bool dhcpsnoop_user_guarded(const DhcpsnoopUser *entry, uint32_t port, const uint8_t *mac,
+                            DhcpsnoopIf *ifp)
+{
+    if (!gDhcpsnoop.bindingGuard || !entry || !mac || entry->userType != DHCPSNOOP_USER_DYNAMIC ||
+        entry->bindState != DHCPSNOOP_BIND_BOUND)
+        return false;
+    if (entry->ifIndex == port && memcmp(entry->mac, mac, sizeof entry->mac) == 0)
+        return false;
+    if (ifp)
+        ifp->counters[DHCPSNOOP_CNT_GUARD]++;
+    DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Bound user belongs to another client, stop process!\r\n");
+    return true;
+}
+
 /* A server acknowledged a client: bind its provisional entry and push it to
  * hardware, the other features and the standby unit. */
 DhcpsnoopUser *dhcpsnoop_user_update(DhcpsnoopPktInfo *info, DhcpsnoopOptBuf *opt125,
