@@ -133,6 +133,15 @@ check "with the daemon stopped, DHCP is forwarded by the bridge again" \
   wait_for 60 "a lease without the daemon" test -s "$REC"
 stop_pid "$NL_LAST_PID"
 
+# A daemon killed outright leaves its socket file: the next one replaces it.
+ds_start sw "$NL_TMP/dhcpsnoop.conf" "$SOCK" "$NL_TMP/killed.log" || exit 1
+kill -KILL "$DS_PID"; wait "$DS_PID" 2>/dev/null
+check "a killed daemon leaves its socket file" test -S "$SOCK"
+bg_ns sw "$NL_TMP/after.log" env DHCPSNOOP_CONFIG="$NL_TMP/dhcpsnoop.conf" DHCPSNOOP_SOCKET="$SOCK" "$DHCPSNOOPD"
+check "the next daemon replaces the dead one's socket" \
+  wait_for 15 "the new daemon" ctl_in sw "$SOCK" global enable on
+stop_pid "$NL_LAST_PID"
+
 bg_ns sw "$NL_TMP/bad.log" env DHCPSNOOP_CONFIG="$NL_TMP/dhcpsnoop.conf" \
   DHCPSNOOP_SOCKET="$NL_TMP/no-such-dir/s.sock" "$DHCPSNOOPD"
 BAD=$NL_LAST_PID
