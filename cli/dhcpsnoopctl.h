@@ -22,18 +22,20 @@ int dhcpsnoopctl_run(int argc, char **argv, FILE *out, FILE *err);
 
 namespace dhcpsnoopctl {
 
-constexpr const char *DEFAULT_SOCKET = "/tmp/dhcpsnoop.socket";
+constexpr const char *DEFAULT_SOCKET = "/run/dhcpsnoop/dhcpsnoop.sock";
 constexpr const char *SOCKET_ENV = "DHCPSNOOP_SOCKET";
 constexpr int DEFAULT_TIMEOUT_MS = 5000;
 /* The daemon reads a request into a buffer of this many bytes. */
 constexpr uint32_t REQUEST_MAX = 1520;
 /* A reply longer than this is not one of the daemon's. */
 constexpr uint32_t REPLY_MAX = 65536;
+/* The reply length word of a connection refused for its credentials. */
+constexpr uint32_t REPLY_DENIED = 0xFFFFFFFFu;
 
 enum ExitStatus { EXIT_OK = 0, EXIT_RESULT = 1, EXIT_USAGE = 2, EXIT_COMM = 3 };
 
 /* How one exchange on the socket ended. */
-enum class Xfer { ok, not_running, timeout, rejected, io_error, bad_reply };
+enum class Xfer { ok, not_running, timeout, rejected, io_error, bad_reply, denied };
 
 /* The funcs of the management requests. */
 enum Func : uint32_t {

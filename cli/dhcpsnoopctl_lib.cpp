@@ -11,7 +11,9 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
+#include <grp.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
@@ -76,6 +78,20 @@ std::string errno_text(const char *what, int e)
     return std::string(what) + ": " + strerror(e);
 }
 
+constexpr int CONNECT_RETRY_MS = 20;
+
+/* Who may use the socket: root and the group that owns it. */
+std::string denied_text(const char *path)
+{
+    std::string group = "root";
+    struct stat st;
+    if (stat(path, &st) == 0) {
+        struct group *g = getgrgid(st.st_gid);
+        group = g ? g->gr_name : std::to_string(st.st_gid);
+    }
+    return "permission denied: run as root or as a member of " + group;
+}
+
 /* Read exactly n bytes; Xfer::ok, or how it failed (`eof` set on a clean end). */
 Xfer read_full(int fd, uint8_t *dst, size_t n, int64_t deadline, bool &eof, std::string &detail)
 {
@@ -133,17 +149,32 @@ Xfer exchange(const char *path, int timeoutMs, const uint8_t *req, uint32_t len,
         detail = errno_text("socket", errno);
         return Xfer::io_error;
     }
-    if (connect(fd.get(), reinterpret_cast<struct sockaddr *>(&un), sizeof un) < 0) {
+    while (connect(fd.get(), reinterpret_cast<struct sockaddr *>(&un), sizeof un) < 0) {
         int e = errno;
         if (e == ENOENT || e == ECONNREFUSED || e == ENOTSOCK) {
             detail = std::string("nothing is listening on ") + path;
             return Xfer::not_running;
         }
-        if (e != EINPROGRESS && e != EAGAIN) {
+        if (e == EACCES || e == EPERM) {
+            detail = denied_text(path);
+            return Xfer::denied;
+        }
+        if (e == EINTR)
+            continue;
+        if (e == EAGAIN) {
+            /* The daemon's queue of connections is full: the socket is left
+             * unconnected, so try again until the deadline. */
+            if (now_ms() >= deadline) {
+                detail = "the daemon did not accept the connection in time";
+                return Xfer::timeout;
+            }
+            poll(nullptr, 0, CONNECT_RETRY_MS);
+            continue;
+        }
+        if (e != EINPROGRESS) {
             detail = errno_text("connect", e);
             return Xfer::io_error;
         }
-        /* The daemon's queue of connections is full: wait for room. */
         int w = wait_for(fd.get(), POLLOUT, deadline);
         if (w <= 0) {
             detail = w == 0 ? "the daemon did not accept the connection in time"
@@ -157,6 +188,7 @@ Xfer exchange(const char *path, int timeoutMs, const uint8_t *req, uint32_t len,
             detail = errno_text("connect", soerr);
             return soerr == ECONNREFUSED ? Xfer::not_running : Xfer::io_error;
         }
+        break;
     }
 
     /* Length and body leave in one piece: the daemon reads the body with a
@@ -174,6 +206,8 @@ Xfer exchange(const char *path, int timeoutMs, const uint8_t *req, uint32_t len,
         }
         if (r < 0 && errno == EINTR)
             continue;
+        if (r < 0 && errno == EPIPE)
+            break; /* refused unread: the daemon's word on it may be waiting */
         if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             int w = wait_for(fd.get(), POLLOUT, deadline);
             if (w == 0) {
@@ -197,6 +231,10 @@ Xfer exchange(const char *path, int timeoutMs, const uint8_t *req, uint32_t len,
     }
     uint32_t rlen;
     memcpy(&rlen, lenBytes, 4);
+    if (rlen == REPLY_DENIED) {
+        detail = denied_text(path);
+        return Xfer::denied;
+    }
     if (rlen == 0) {
         detail = "the daemon rejected the request";
         return Xfer::rejected;
@@ -785,6 +823,9 @@ public:
         case Xfer::rejected:
             lead = "the daemon rejected the request";
             break;
+        case Xfer::denied:
+            lead = detail.c_str();
+            break;
         case Xfer::bad_reply:
             lead = "bad reply";
             break;
@@ -889,7 +930,7 @@ const char *const HELP_TOP =
     "\n"
     "Options (anywhere before a lone '--'):\n"
     "  --socket PATH    the daemon's socket (default $DHCPSNOOP_SOCKET, else\n"
-    "                   /tmp/dhcpsnoop.socket)\n"
+    "                   /run/dhcpsnoop/dhcpsnoop.sock)\n"
     "  --timeout SECS   give up on the daemon after SECS seconds (default 5)\n"
     "  --json           print answers as JSON\n"
     "  -n, --numeric    show interface indexes, not names\n"
@@ -909,6 +950,7 @@ const char *const HELP_GLOBAL =
     "  global enterprise-number N      private enterprise number used in options\n"
     "  global hw-notify on|off         install bindings in hardware\n"
     "  global server-learn on|off      learn DHCP servers from their replies\n"
+    "  global binding-guard on|off     keep bound clients' entries from other ports and MACs\n"
     "  global clear-statistics         zero the drop counters of every interface\n"
     "  global debug N|off|info|dump|all  debug flags (1 info, 2 dump)\n"
     "  global sync-packet HEX          hand a synchronisation packet to the daemon\n";
@@ -1014,7 +1056,7 @@ int cmd_global(Session &s, Args &a)
         };
         uint32_t enable = get(1, "enable"), pen = get(2, "enterprise-number"),
                  users = get(3, "users"), hw = get(4, "hw-notify"), learn = get(16, "server-learn"),
-                 debug = get(20, "debug");
+                 debug = get(20, "debug"), guard = get(21, "binding-guard");
         if (s.json) {
             JsonObj o;
             o.boolean("enable", enable & 0xFF)
@@ -1022,7 +1064,8 @@ int cmd_global(Session &s, Args &a)
                 .num("users", users)
                 .boolean("hw_notify", hw & 0xFF)
                 .boolean("server_learn", learn & 0xFF)
-                .num("debug", debug & 0xFF);
+                .num("debug", debug & 0xFF)
+                .boolean("binding_guard", guard & 0xFF);
             fprintf(s.out, "%s\n", o.text().c_str());
         } else {
             char dbg[16];
@@ -1033,7 +1076,8 @@ int cmd_global(Session &s, Args &a)
                        {"users", std::to_string(users)},
                        {"hw-notify", onoff(hw & 0xFF)},
                        {"server-learn", onoff(learn & 0xFF)},
-                       {"debug", dbg}};
+                       {"debug", dbg},
+                       {"binding-guard", onoff(guard & 0xFF)}};
             tb.print(s.out);
         }
         return EXIT_OK;
@@ -1046,6 +1090,8 @@ int cmd_global(Session &s, Args &a)
         return set(4, parse_onoff(a.next("on or off"), t), what);
     if (what == "server-learn")
         return set(16, parse_onoff(a.next("on or off"), t), what);
+    if (what == "binding-guard")
+        return set(21, parse_onoff(a.next("on or off"), t), what);
     if (what == "clear-statistics")
         return set(17, 1, what);
     if (what == "debug") {
@@ -1074,7 +1120,8 @@ enum IfCmd : uint32_t {
     IF_OPT18 = 11, IF_OPT18_TEXT = 12, IF_OPT37 = 13, IF_OPT37_TEXT = 14, IF_FLAG16 = 16,
     IF_FLAG15 = 17, IF_MAX_USERS = 18, IF_CUR_USERS = 19, IF_FLAG14 = 20, IF_SETTING21 = 21,
     IF_DROP_MAC = 22, IF_DROP_BINDING = 23, IF_DROP_SERVER = 24, IF_CLEAR_STATS = 28,
-    IF_CIRCUIT_FMT = 30, IF_REMOTE_FMT = 31, IF_OPT18_FMT = 32, IF_OPT37_FMT = 33, IF_RELAY = 34
+    IF_CIRCUIT_FMT = 30, IF_REMOTE_FMT = 31, IF_OPT18_FMT = 32, IF_OPT37_FMT = 33, IF_RELAY = 34,
+    IF_DROP_FULL = 35, IF_DROP_GUARD = 36
 };
 
 Request if_req(uint32_t func, uint32_t ifIndex, uint32_t cmd, uint32_t value = 0)
@@ -1177,7 +1224,7 @@ struct IfState {
     uint32_t ifIndex;
     uint32_t version, trust, opt82, policy, subopt9, opt82Mode, opt18, opt37;
     uint32_t maxUsers, users, relay;
-    uint32_t dropServer, dropMac, dropBinding;
+    uint32_t dropServer, dropMac, dropBinding, dropFull, dropGuard;
     uint32_t flag14, flag15, flag16, setting21;
     uint32_t fmt[4];
     std::string text[5]; /* circuit-id, remote-id, subopt9, option18, option37 */
@@ -1226,6 +1273,8 @@ IfState read_if(Session &s, uint32_t ifIndex, bool full)
     st.dropBinding = get(IF_DROP_BINDING);
     if (!full)
         return st;
+    st.dropFull = get(IF_DROP_FULL);
+    st.dropGuard = get(IF_DROP_GUARD);
     st.policy = get(IF_POLICY);
     st.subopt9 = get(IF_SUBOPT9);
     st.opt82Mode = get(IF_OPT82_MODE);
@@ -1263,11 +1312,13 @@ std::string if_json(const Session &s, const IfState &st, bool full)
         o.str("relay_address", ipv4_text(st.relay));
     else
         o.null("relay_address");
-    o.raw("drops", JsonObj()
-                       .num("untrusted_server", st.dropServer)
-                       .num("mac_mismatch", st.dropMac)
-                       .num("binding_mismatch", st.dropBinding)
-                       .text());
+    JsonObj drops;
+    drops.num("untrusted_server", st.dropServer)
+        .num("mac_mismatch", st.dropMac)
+        .num("binding_mismatch", st.dropBinding);
+    if (full)
+        drops.num("table_full", st.dropFull).num("binding_guard", st.dropGuard);
+    o.raw("drops", drops.text());
     if (!full)
         return o.text();
     o.raw("option82_settings", JsonObj()
@@ -1329,6 +1380,8 @@ int if_show_one(Session &s, uint32_t ifIndex)
         {"drops untrusted-server", std::to_string(st.dropServer)},
         {"drops mac-mismatch", std::to_string(st.dropMac)},
         {"drops binding-mismatch", std::to_string(st.dropBinding)},
+        {"drops table-full", std::to_string(st.dropFull)},
+        {"drops binding-guard", std::to_string(st.dropGuard)},
     };
     tb.print(s.out);
     return EXIT_OK;
@@ -1422,8 +1475,12 @@ int cmd_interface(Session &s, Args &a)
         a.done();
         return if_set(s, ifIndex, cmd, on, label);
     };
-    if (what == "enable")
-        return flag(IF_ENABLE);
+    if (what == "enable") {
+        bool on = parse_onoff(a.next("on or off"), t);
+        a.done();
+        const std::string notPort = name + " is not a port of the switch";
+        return if_set(s, ifIndex, IF_ENABLE, on, label, {{0x3E80002, notPort.c_str()}});
+    }
     if (what == "trust")
         return flag(IF_TRUST);
     if (what == "version") {

@@ -20,6 +20,7 @@ constexpr uint32_t ATTR_MAC = 33;
 constexpr uint32_t ATTR_WORK_MODE = 193;
 constexpr uint32_t ATTR_IS_VLAN_IF = 417;
 constexpr uint32_t ATTR_VLAN_OF_IF = 5400;
+constexpr uint32_t ATTR_MAX_USERS = 5420;
 
 int trap(uint32_t ifIndex, uint32_t cmd, uint32_t word)
 {
@@ -98,6 +99,10 @@ uint32_t dhcpsnoop_if_enable(uint32_t ifIndex)
     dhcpsnoop_if_set_field(e, ifflag::POLICY_MASK, ifflag::POLICY_SHIFT, 2);
     e->setting21 = 100;
     e->maxUser = 32768;
+    /* the platform may hold each port to a share of the binding pool */
+    uint32_t limit = 0;
+    if (qorIfGetApi(ifIndex, ATTR_MAX_USERS, &limit) == 0 && limit != 0)
+        e->maxUser = uint16_t(limit < 0xFFFF ? limit : 0xFFFF);
 
     uint8_t mac[6] = {0};
     QorTextPair pair = {mac, sizeof mac};

@@ -57,7 +57,9 @@ void dhcp6snoop_insert_opt(DhcpsnoopPktInfo *info, const uint8_t *option, uint32
 uint16_t dhcp6snoop_strip_opt(DhcpsnoopPktInfo *info, uint32_t code);
 void dhcp6snoop_construct_client_opt(DhcpsnoopPktInfo *info);
 
-void dhcp6snoop_process_each_ia_opt(DhcpsnoopPktInfo *info, uint32_t fromClient);
+/* Returns -1 when a client frame named a bound client's address that the
+ * binding guard keeps from it (the frame is then dropped), else 0. */
+int dhcp6snoop_process_each_ia_opt(DhcpsnoopPktInfo *info, uint32_t fromClient);
 DhcpsnoopIf *dhcp6snoop_get_if_from_opt(DhcpsnoopPktInfo *info, uint32_t code);
 
 #endif

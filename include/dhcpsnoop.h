@@ -146,7 +146,7 @@ struct DhcpsnoopIf {
     uint32_t flags;
     uint8_t interfaceIdFmt, remoteId6Fmt, circuitIdFmt, remoteIdFmt;
     uint8_t circuitIdType, remoteIdType;
-    uint32_t counters[3];
+    uint32_t counters[5];
     uint32_t relayAddr;   /* host order */
     uint32_t serverIp[3]; /* host order */
 };
@@ -174,10 +174,14 @@ constexpr uint32_t ROUTER_MODE = 1u << 1;
 } // namespace ifflag
 
 /* Counters, in array order: untrusted server replies, source-MAC mismatches,
- * binding mismatches. */
+ * binding mismatches, client frames dropped because a binding table or a
+ * user limit was full, and client frames the binding guard kept from another
+ * client's bound entry. */
 constexpr int DHCPSNOOP_CNT_UNTRUSTED_REPLY = 0;
 constexpr int DHCPSNOOP_CNT_SRC_MAC = 1;
 constexpr int DHCPSNOOP_CNT_USER_MISMATCH = 2;
+constexpr int DHCPSNOOP_CNT_TABLE_FULL = 3;
+constexpr int DHCPSNOOP_CNT_GUARD = 4;
 
 inline uint32_t dhcpsnoop_if_version(const DhcpsnoopIf *e)
 {
@@ -383,6 +387,9 @@ struct DhcpsnoopGlobal {
     uint16_t serverMax;
     uint8_t daiStarted;
     uint8_t runningRole;
+    /* 1: a bound entry changes only through the server's ACK for its client
+     * or that client's own RELEASE/DECLINE from its own port (off by default) */
+    uint8_t bindingGuard;
 };
 
 extern DhcpsnoopGlobal gDhcpsnoop;

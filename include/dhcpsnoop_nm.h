@@ -38,6 +38,7 @@ enum DhcpsnoopGlobalCmd : uint32_t {
     DHCPSNOOP_G_CLEAR_STATS = 17,
     DHCPSNOOP_G_SYNC_PKT = 19,
     DHCPSNOOP_G_DEBUG = 20,
+    DHCPSNOOP_G_BINDING_GUARD = 21,
 };
 
 /* ---- command server (main/) ---- */

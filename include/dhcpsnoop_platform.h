@@ -35,6 +35,8 @@ void qorCatchSegFault(int argc, char **argv);
  *   33 MAC address [QorTextPair, 6]   45 TPID [u32]
  *   193 work mode, 1 = router [u32]   417 is a VLAN interface [u32]
  *   5400 VLAN of a VLAN interface [u32]; fails for other interfaces
+ *   5420 default user limit of a port [u32]; fails (or 0) when the platform
+ *        sets none
  *   65536285 aggregate query [QorAggQuery] */
 int qorIfGetApi(uint32_t ifIndex, uint32_t attr, void *value);
 /* Commands: 300 hardware user record [QorHwUserRequest],

@@ -113,6 +113,10 @@ constexpr uint32_t DHCPSNOOP_EVENT_USER_ADD = 188;
 constexpr uint32_t DHCPSNOOP_EVENT_USER_DEL = 189;
 
 /* ---- user bindings (user/) ---- */
+/* With the binding guard on: `entry` is a bound client's and a client frame
+ * from `port` with `mac` may not replace or remove it.  Counted on `ifp`. */
+bool dhcpsnoop_user_guarded(const DhcpsnoopUser *entry, uint32_t port, const uint8_t *mac,
+                            DhcpsnoopIf *ifp);
 DhcpsnoopUser *dhcpsnoop_user_update(DhcpsnoopPktInfo *info, DhcpsnoopOptBuf *opt125,
                                      DhcpsnoopOptBuf *bootFile);
 int dhcpsnoop_user_get(const DhcpsnoopUserQuery *query);

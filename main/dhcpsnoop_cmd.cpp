@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 
 #include "dhcpsnoop.h"
@@ -22,6 +23,7 @@ constexpr uint32_t CMD_RESULT_POS = 12;   /* value of the ret code word */
 constexpr uint32_t CMD_FUNC_COUNT = 22;
 constexpr uint32_t CMD_EMPTY_REPLY = 22;  /* answered to an empty request */
 constexpr int CMD_RCVLOWAT = 30;
+constexpr time_t CMD_IO_BOUND_SECONDS = 1;
 constexpr uint32_t ITEM_HEADER_LEN = 3;
 
 enum DataType : uint8_t { DATA_BYTES = 0, DATA_U32 = 2, DATA_PAIR = 4 };
@@ -370,6 +372,15 @@ int dhcpsnoop_cmd_server(void)
     int fd = dhcpsnoop_sys->accept(gDhcpsnoop.cmdSock, nullptr, nullptr);
     if (fd <= 0) {
         perror("[DHCPSNOOP] Command server accept failed!\r\n");
+        return -1;
+    }
+    /* The loop serves frames too: a client that goes quiet mid-request (or
+     * never reads its answer) may hold it for this long and no longer. */
+    const struct timeval bound = {CMD_IO_BOUND_SECONDS, 0};
+    if (dhcpsnoop_sys->setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound) != 0 ||
+        dhcpsnoop_sys->setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound) != 0) {
+        perror("[DHCPSNOOP] Command server setsockopt failed!\r\n");
+        dhcpsnoop_sys->close(fd);
         return -1;
     }
     const int lowat = CMD_RCVLOWAT;

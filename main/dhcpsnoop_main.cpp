@@ -294,6 +294,9 @@ void receive_frame(int fd, uint16_t etherType)
     rx.valid = 1;
     rx.len = uint16_t(n);
     memcpy(rx.data, loop.frame, size_t(n));
+    /* An option inserted later grows the frame into the bytes behind it:
+     * they must not be an earlier frame's. */
+    memset(rx.data + n, 0, sizeof rx.data - size_t(n));
     rx.inIf = inIf;
     if (v4) {
         rx.ifIndex = ingress;

@@ -178,6 +178,13 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
         }
     }
 
+    /* a bound entry is its client's: a frame from elsewhere would replace
+     * or remove it, so it goes no further */
+    bool changesBinding = info->msgType == DHCP_REQUEST || info->msgType == DHCP_DECLINE ||
+                          info->msgType == DHCP_RELEASE;
+    if (changesBinding && dhcpsnoop_user_guarded(user, inport, info->chaddr, ifp))
+        return;
+
     bool relaying = info->giaddr == 0 && ifp->relayAddr != 0;
     DhcpsnoopMacUser *macUser = nullptr;
     if (relaying) {
@@ -185,6 +192,7 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
         if (!macUser && !user) {
             macUser = dhcpsnoop_mac_user_add(info);
             if (!macUser) {
+                ifp->counters[DHCPSNOOP_CNT_TABLE_FULL]++;
                 DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Failed to add mac user entry, stop process!\r\n");
                 return;
             }
@@ -193,16 +201,20 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
     if (macUser) {
         if (info->msgType == DHCP_REQUEST) {
             dhcpsnoop_mac_user_delete(macUser);
-            if (dhcpsnoop_user_add(&key, user, info) != 0)
+            if (dhcpsnoop_user_add(&key, user, info) != 0) {
+                ifp->counters[DHCPSNOOP_CNT_TABLE_FULL]++;
                 return;
+            }
         } else if (info->msgType == DHCP_DECLINE || info->msgType == DHCP_RELEASE) {
             if (user && user->userType == DHCPSNOOP_USER_DYNAMIC)
                 dhcpsnoop_user_delete(user);
             dhcpsnoop_mac_user_delete(macUser);
         }
     } else if (info->msgType == DHCP_REQUEST) {
-        if (dhcpsnoop_user_add(&key, user, info) != 0)
+        if (dhcpsnoop_user_add(&key, user, info) != 0) {
+            ifp->counters[DHCPSNOOP_CNT_TABLE_FULL]++;
             return;
+        }
     } else if (info->msgType == DHCP_DECLINE || info->msgType == DHCP_RELEASE) {
         if (user && user->userType == DHCPSNOOP_USER_DYNAMIC)
             dhcpsnoop_user_delete(user);

@@ -228,6 +228,8 @@ void dhcpsnoop_npt_send_to_client(DhcpsnoopPktInfo *info, uint32_t vid)
     for (uint32_t i = 0; i < count; i++) {
         uint32_t port;
         memcpy(&port, members + 4 * i, 4);
+        if (port == info->ifIndex)
+            continue; /* never back out of the port the reply came in on */
         uint16_t tpid = dhcpsnoop_port_tpid(port);
         bool untagged = dhcpsnoop_port_untagged(port);
         uint32_t len = dhcpsnoop_egress_frame(info, tpid, untagged, uint16_t(vid), true, out);

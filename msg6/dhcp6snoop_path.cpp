@@ -24,11 +24,14 @@ int64_t status_in(uint8_t *area, int64_t len, const uint8_t *end)
 
 } // namespace
 
-void dhcp6snoop_process_each_ia_opt(DhcpsnoopPktInfo *info, uint32_t fromClient)
+int dhcp6snoop_process_each_ia_opt(DhcpsnoopPktInfo *info, uint32_t fromClient)
 {
     DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Process each IA option, total num %d.\r\n", int(info->iaCount));
     if (info->iaCount == 0)
-        return;
+        return 0;
+    int guarded = 0;
+    const DhcpsnoopIf *ifp = info->ifp;
+    uint32_t inport = ifp && ifp->isVlanIf ? info->ifIndex : ifp ? ifp->ifIndex : info->ifIndex;
     const uint8_t *end = dhcp6snoop_frame_end(info);
     /* a failure status seen once applies to every later address */
     uint32_t status = 0;
@@ -72,6 +75,11 @@ void dhcp6snoop_process_each_ia_opt(DhcpsnoopPktInfo *info, uint32_t fromClient)
                     key.ipType = DHCPSNOOP_IPTYPE_V6;
                     memcpy(key.ipAddr, ip, 16);
                     DhcpsnoopUser *entry = dhcpsnoop_user_lookup(&key);
+                    if (fromClient && dhcpsnoop_user_guarded(entry, inport, info->chaddr, info->ifp)) {
+                        guarded = -1;
+                        addr = dhcp6snoop_get_opt_in(next, DHCP6_OPT_IAADDR, nextLen, end);
+                        continue;
+                    }
                     int64_t sub = status_in(addr + 4 + IAADDR_FIXED, int64_t(alen) - IAADDR_FIXED, end);
                     if (sub >= 0)
                         status = uint32_t(sub);
@@ -82,7 +90,7 @@ void dhcp6snoop_process_each_ia_opt(DhcpsnoopPktInfo *info, uint32_t fromClient)
                             (info->msgType == DHCP6_SOLICIT || info->msgType == DHCP6_REQUEST)) {
                             /* a full interface ends learning for the message */
                             if (dhcpsnoop_user_add(&key, entry, info) == -1)
-                                return;
+                                return guarded;
                         } else if (entry && entry->userType == DHCPSNOOP_USER_DYNAMIC) {
                             entry->leaseTime = valid;
                             entry->leaseStart = info->rxTime;
@@ -101,6 +109,7 @@ void dhcp6snoop_process_each_ia_opt(DhcpsnoopPktInfo *info, uint32_t fromClient)
             addr = dhcp6snoop_get_opt_in(next, DHCP6_OPT_IAADDR, nextLen, end);
         }
     }
+    return guarded;
 }
 
 DhcpsnoopIf *dhcp6snoop_get_if_from_opt(DhcpsnoopPktInfo *info, uint32_t code)
@@ -138,8 +147,9 @@ void dhcp6snoop_client_packet_recv(DhcpsnoopPktInfo *info)
     /* a DHCPv6 client is known by its Ethernet source address */
     info->chaddr = info->srcMac;
     uint32_t t = info->msgType;
-    if (t == DHCP6_SOLICIT || t == DHCP6_REQUEST || t == DHCP6_RELEASE || t == DHCP6_DECLINE)
-        dhcp6snoop_process_each_ia_opt(info, 1);
+    if ((t == DHCP6_SOLICIT || t == DHCP6_REQUEST || t == DHCP6_RELEASE || t == DHCP6_DECLINE) &&
+        dhcp6snoop_process_each_ia_opt(info, 1) != 0)
+        return;
     if (ifp->flags & (ifflag::OPTION18 | ifflag::OPTION37))
         dhcp6snoop_construct_client_opt(info);
     DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Send packet to server.\r\n");

@@ -86,6 +86,7 @@ int32_t nm_set_locked(void *source, uint32_t cmd, void *data, uint32_t mode)
     case DHCPSNOOP_G_HW_NOTIFY:
     case DHCPSNOOP_G_SERVER_LEARN:
     case DHCPSNOOP_G_DEBUG:
+    case DHCPSNOOP_G_BINDING_GUARD:
         break;
     default:
         return DHCPSNOOP_E_INVALID;
@@ -124,6 +125,13 @@ int32_t nm_set_locked(void *source, uint32_t cmd, void *data, uint32_t mode)
         if ((rc = nm_scalar_sync(source, cmd, data, mode)) != 0)
             return rc;
         gDhcpsnoop.serverLearn = uint8_t(value);
+        return DHCPSNOOP_OK;
+    case DHCPSNOOP_G_BINDING_GUARD:
+        if (value > 1)
+            return DHCPSNOOP_E_INVALID;
+        if ((rc = nm_scalar_sync(source, cmd, data, mode)) != 0)
+            return rc;
+        gDhcpsnoop.bindingGuard = uint8_t(value);
         return DHCPSNOOP_OK;
     default: /* DHCPSNOOP_G_DEBUG */
         gDhcpsnoop.debugFlags = uint8_t(value);
@@ -217,6 +225,9 @@ int32_t dhcpSnoopGetApi(void *, uint32_t cmd, void *value)
         break;
     case DHCPSNOOP_G_DEBUG:
         v = gDhcpsnoop.debugFlags;
+        break;
+    case DHCPSNOOP_G_BINDING_GUARD:
+        v = gDhcpsnoop.bindingGuard;
         break;
     default:
         dhcpsnoop_unlock();

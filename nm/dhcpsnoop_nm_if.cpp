@@ -13,6 +13,7 @@ namespace {
 
 constexpr int32_t FMT_INVALID = 22;
 constexpr uint32_t FMT_LIMIT = 7;
+constexpr uint32_t ATTR_IS_VLAN_IF = 417; /* answered for every interface the platform knows */
 
 /* One of the four option texts of an interface entry. */
 struct NmText {
@@ -234,6 +235,12 @@ int32_t nm_if_set_locked(uint32_t ifindex, uint32_t cmd, void *value, uint32_t m
     if (cmd >= 30 && v == *nm_fmt_of(e, cmd))
         return DHCPSNOOP_OK;
 
+    /* snooping goes only on an interface the platform knows: a drop rule on
+     * anything else would keep DHCP from it with nobody to forward it */
+    uint32_t isVlanIf = 0;
+    if (cmd == 1 && v == 1 && !e && qorIfGetApi(ifindex, ATTR_IS_VLAN_IF, &isVlanIf) != 0)
+        return DHCPSNOOP_E_NO_ENTRY;
+
     if (qorHwIfSync(ifindex, DHCPSNOOP_HW_IF_BASE + cmd, value,
                     text ? mode | DHCPSNOOP_MODE_TEXT : mode) != 0)
         return DHCPSNOOP_E_HW;
@@ -339,6 +346,8 @@ int32_t nm_if_get_locked(uint32_t ifindex, uint32_t cmd, void *value)
         case 22: v = e->counters[DHCPSNOOP_CNT_SRC_MAC]; break;
         case 23: v = e->counters[DHCPSNOOP_CNT_USER_MISMATCH]; break;
         case 24: v = e->counters[DHCPSNOOP_CNT_UNTRUSTED_REPLY]; break;
+        case 35: v = e->counters[DHCPSNOOP_CNT_TABLE_FULL]; break;
+        case 36: v = e->counters[DHCPSNOOP_CNT_GUARD]; break;
         case 30: case 31: case 32: case 33: v = *nm_fmt_of(e, cmd); break;
         case 34: v = e->relayAddr; break;
         default: return DHCPSNOOP_E_INVALID;

@@ -9,6 +9,8 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
+#include <grp.h>
 #include <net/if.h>
 #include <poll.h>
 #include <stdio.h>
@@ -20,9 +22,11 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
+#include "dhcpsnoop.h"
 #include "dhcpsnoop_adr.h"
 #include "dhcpsnoop_platform.h"
 #include "peer_transport.h"
@@ -34,25 +38,29 @@ LinuxConfig g_config;
 std::map<uint32_t, uint16_t> g_pvid;
 std::map<std::string, std::array<uint8_t, 44>> g_hardware;
 
+/* Every item, empty ones included: "10,,20" has an empty item. */
 std::vector<std::string> split(const std::string &s, char sep)
 {
     std::vector<std::string> out;
-    std::string cur;
-    std::istringstream in(s);
-    while (std::getline(in, cur, sep))
-        if (!cur.empty())
-            out.push_back(cur);
+    size_t start = 0;
+    for (size_t at; (at = s.find(sep, start)) != std::string::npos; start = at + 1)
+        out.push_back(s.substr(start, at - start));
+    out.push_back(s.substr(start));
     return out;
 }
 
+/* Decimal digits (a leading zero does not make octal), or hexadecimal
+ * written with 0x. */
 bool parse_num(const std::string &s, unsigned long max, unsigned long &out)
 {
-    if (s.empty())
+    bool hex = s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X');
+    const std::string digits = hex ? s.substr(2) : s;
+    if (digits.empty() || digits.size() > 10 ||
+        digits.find_first_not_of(hex ? "0123456789abcdefABCDEF" : "0123456789") !=
+            std::string::npos)
         return false;
-    char *end = nullptr;
-    errno = 0;
-    out = strtoul(s.c_str(), &end, 0);
-    return errno == 0 && end && *end == '\0' && out <= max;
+    out = strtoul(digits.c_str(), nullptr, hex ? 16 : 10);
+    return out <= max;
 }
 
 bool parse_vid(const std::string &s, uint16_t &vid)
@@ -62,6 +70,134 @@ bool parse_vid(const std::string &s, uint16_t &vid)
         return false;
     vid = uint16_t(v);
     return true;
+}
+
+/* The state file is replaced through a temporary beside it: its directory
+ * must exist (or be made) and take new files. */
+bool state_writable(const std::string &path)
+{
+    size_t slash = path.find_last_of('/');
+    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
+        return false;
+    return access(dir.c_str(), W_OK) == 0;
+}
+
+/* ---- the command socket ---- */
+
+DhcpsnoopSysOps g_ops;
+const DhcpsnoopSysOps *g_inner;
+volatile sig_atomic_t g_stop;
+bool g_socketInUse;
+
+void on_stop_signal(int) { g_stop = 1; }
+
+bool is_command_socket(const struct sockaddr *addr)
+{
+    const auto *un = reinterpret_cast<const struct sockaddr_un *>(addr);
+    return addr && addr->sa_family == AF_UNIX &&
+           strncmp(un->sun_path, DHCPSNOOP_CMD_SOCKET_PATH, sizeof un->sun_path) == 0;
+}
+
+/* Someone answers on the socket: a daemon lives there. */
+bool socket_live(const char *path)
+{
+    struct sockaddr_un un;
+    memset(&un, 0, sizeof un);
+    un.sun_family = AF_UNIX;
+    strncpy(un.sun_path, path, sizeof un.sun_path - 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return false;
+    bool live = connect(fd, reinterpret_cast<struct sockaddr *>(&un), sizeof un) == 0 ||
+                errno == EAGAIN;
+    close(fd);
+    return live;
+}
+
+/* A live daemon's socket is never taken over; a dead one's is replaced. */
+int guarded_unlink(const char *path)
+{
+    if (path && strcmp(path, DHCPSNOOP_CMD_SOCKET_PATH) == 0 && socket_live(linux_socket_path())) {
+        g_socketInUse = true;
+        errno = EADDRINUSE;
+        return -1;
+    }
+    return g_inner->unlink(path);
+}
+
+/* The command socket is made 0660, owned by root and the configured group,
+ * from the moment it exists; the default one lives in a root-owned
+ * directory made for it. */
+int guarded_bind(int fd, const struct sockaddr *addr, socklen_t len)
+{
+    if (!is_command_socket(addr))
+        return g_inner->bind(fd, addr, len);
+    const char *path = linux_socket_path();
+    if (strcmp(path, LINUX_SOCKET_PATH) == 0 && mkdir(LINUX_RUNTIME_DIR, 0755) == 0)
+        chown(LINUX_RUNTIME_DIR, 0, 0);
+    mode_t old = umask(0117);
+    int rc = g_inner->bind(fd, addr, len);
+    int e = errno;
+    umask(old);
+    if (rc == 0 && (chown(path, 0, g_config.socketGid) != 0 || chmod(path, 0660) != 0))
+        fprintf(stderr, "dhcpsnoopd: %s: cannot give it to group %s: %s\n", path,
+                g_config.socketGroup.c_str(), strerror(errno));
+    errno = e;
+    return rc;
+}
+
+/* Many front ends at once (scripts) wait in the queue rather than fail. */
+int roomy_listen(int fd, int backlog)
+{
+    return g_inner->listen(fd, fd == gDhcpsnoop.cmdSock ? std::max(backlog, SOMAXCONN) : backlog);
+}
+
+/* Root, or a process with the socket's group among its groups. */
+bool peer_allowed(int fd)
+{
+    struct ucred cred;
+    socklen_t len = sizeof cred;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0)
+        return false;
+    if (cred.uid == 0 || cred.gid == g_config.socketGid)
+        return true;
+    gid_t groups[256];
+    len = sizeof groups;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups, &len) != 0)
+        return false;
+    for (size_t i = 0; i < len / sizeof(gid_t); i++)
+        if (groups[i] == g_config.socketGid)
+            return true;
+    return false;
+}
+
+int guarded_accept(int fd, struct sockaddr *addr, socklen_t *len)
+{
+    int c = g_inner->accept(fd, addr, len);
+    if (c < 0 || fd != gDhcpsnoop.cmdSock || peer_allowed(c))
+        return c;
+    const uint32_t denied = LINUX_REPLY_DENIED;
+    send(c, &denied, sizeof denied, MSG_NOSIGNAL | MSG_DONTWAIT);
+    close(c);
+    errno = EACCES;
+    return -1;
+}
+
+/* A stop signal ends the wait as a time-out would, so the loop looks at
+ * nothing and its caller sees the request. */
+int interruptible_select(int n, fd_set *rd, fd_set *wr, fd_set *ex, struct timeval *tv)
+{
+    if (g_stop)
+        return 0;
+    int rc = g_inner->select(n, rd, wr, ex, tv);
+    if (rc < 0 && errno == EINTR) {
+        for (fd_set *set : {rd, wr, ex})
+            if (set)
+                FD_ZERO(set);
+        return 0;
+    }
+    return rc;
 }
 
 /* ---- effects on the host ---- */
@@ -262,6 +398,10 @@ int linux_config_parse(const std::string &text, LinuxConfig &out, std::string &e
                     p.router = false;
                 } else if (w[i] == "excluded") {
                     p.excluded = true;
+                } else if (w[i] == "max-users" && i + 1 < w.size()) {
+                    if (!parse_num(w[++i], 0xFFFF, v) || v == 0)
+                        return fail("bad max-users " + w[i]);
+                    p.maxUsers = uint16_t(v);
                 } else if (w[i] == "tpid" && i + 1 < w.size()) {
                     if (!parse_num(w[++i], 0xFFFF, v) || v == 0)
                         return fail("bad tpid " + w[i]);
@@ -269,6 +409,8 @@ int linux_config_parse(const std::string &text, LinuxConfig &out, std::string &e
                 } else if (w[i] == "vlans" && i + 1 < w.size()) {
                     for (auto &x : split(w[++i], ',')) {
                         uint16_t vid;
+                        if (x.empty())
+                            return fail("empty item in vlans " + w[i]);
                         if (!parse_vid(x, vid))
                             return fail("bad vlan " + x);
                         p.vlans.push_back(vid);
@@ -277,6 +419,9 @@ int linux_config_parse(const std::string &text, LinuxConfig &out, std::string &e
                     return fail("unknown port setting " + w[i]);
                 }
             }
+            for (auto &q : out.ports)
+                if (q.name == p.name)
+                    return fail("port " + p.name + " is already declared");
             out.ports.push_back(p);
         } else if (kw == "vlan") {
             uint16_t vid;
@@ -301,6 +446,7 @@ int linux_config_parse(const std::string &text, LinuxConfig &out, std::string &e
                 ;
             else
                 f.port = w[1];
+            f.line = lineNo;
             (kw == "ipsg" ? out.ipsg : out.dai).push_back(f);
         } else if (kw == "hostname") {
             if (w.size() != 2)
@@ -310,12 +456,39 @@ int linux_config_parse(const std::string &text, LinuxConfig &out, std::string &e
             if (w.size() != 2)
                 return fail("hardware-state needs a path");
             out.hardwareState = w[1];
+            if (!state_writable(out.hardwareState))
+                return fail("hardware-state " + w[1] + " cannot be written: " + strerror(errno));
         } else if (kw == "trap") {
             if (w.size() != 2 || (w[1] != "nftables" && w[1] != "none"))
                 return fail("trap is nftables or none");
             out.nftables = w[1] == "nftables";
+        } else if (kw == "binding-guard") {
+            if (w.size() != 2 || (w[1] != "on" && w[1] != "off"))
+                return fail("binding-guard is on or off");
+            out.bindingGuard = w[1] == "on";
+        } else if (kw == "socket-group") {
+            if (w.size() != 2)
+                return fail("socket-group needs a group name");
+            struct group *g = getgrnam(w[1].c_str());
+            if (!g)
+                return fail("no group " + w[1]);
+            out.socketGroup = w[1];
+            out.socketGid = g->gr_gid;
         } else {
             return fail("unknown statement " + kw);
+        }
+    }
+    /* the features name ports, which may be declared anywhere in the file */
+    for (auto *list : {&out.ipsg, &out.dai}) {
+        for (auto &f : *list) {
+            bool known = f.port.empty();
+            for (auto &p : out.ports)
+                known = known || p.name == f.port;
+            if (!known) {
+                lineNo = f.line;
+                return fail(std::string(list == &out.ipsg ? "ipsg" : "dai") + " on " + f.port +
+                            ", which is not a declared port");
+            }
         }
     }
     return 0;
@@ -327,14 +500,41 @@ uint16_t linux_port_pvid(uint32_t ifIndex)
     return it == g_pvid.end() ? 1 : it->second;
 }
 
+int linux_args_check(int argc, char **argv, std::string &error)
+{
+    static const char *const what[] = {"", "the interface pool size", "the binding pool size",
+                                       "the source-guard switch", "the ARP-inspection switch",
+                                       "the auto-provisioning switch"};
+    if (argc > 6) {
+        error = "at most five arguments";
+        return -1;
+    }
+    for (int i = 1; i < argc; i++) {
+        unsigned long v;
+        const unsigned long max = i <= 2 ? 0xFFFF : 1;
+        if (!argv[i] || !parse_num(argv[i], max, v) || (argv[i][0] == '0' && argv[i][1] == 'x')) {
+            error = std::string("argument ") + std::to_string(i) + " (" + what[i] + ") must be " +
+                    (max == 1 ? "0 or 1" : "a number from 0 to 65535") + ", not '" +
+                    (argv[i] ? argv[i] : "") + "'";
+            return -1;
+        }
+    }
+    return 0;
+}
+
 int linux_platform_init(void)
 {
     const char *path = getenv("DHCPSNOOP_CONFIG");
     if (!path || !*path)
         path = "/etc/dhcpsnoop.conf";
-    std::ifstream file(path);
+    openlog("dhcpsnoopd", LOG_PID, LOG_DAEMON);
     std::string error;
-    if (file) {
+    if (access(path, F_OK) == 0) {
+        std::ifstream file(path);
+        if (!file) {
+            fprintf(stderr, "dhcpsnoopd: %s: %s\n", path, strerror(errno));
+            return -1;
+        }
         std::stringstream text;
         text << file.rdbuf();
         if (linux_config_parse(text.str(), g_config, error) != 0) {
@@ -342,11 +542,14 @@ int linux_platform_init(void)
             return -1;
         }
     } else {
-        /* no configuration: every interface but loopback is an access port */
+        /* no configuration: every interface but loopback (and the bridges
+         * that join ports, which are no ports themselves) is an access port */
+        host_log(std::string("no configuration file ") + path + ": every interface but lo is a port");
         g_config = LinuxConfig();
         struct if_nameindex *all = if_nameindex();
         for (struct if_nameindex *i = all; i && i->if_index; i++) {
-            if (strcmp(i->if_name, "lo") == 0)
+            std::string bridge = std::string("/sys/class/net/") + i->if_name + "/bridge";
+            if (strcmp(i->if_name, "lo") == 0 || access(bridge.c_str(), F_OK) == 0)
                 continue;
             LinuxPortConfig p;
             p.name = i->if_name;
@@ -413,8 +616,40 @@ int linux_platform_init(void)
     m.onHwUser = host_hardware;
     m.onLog = host_log;
     m.onScalarSync = peer_transport;
-    openlog("dhcpsnoopd", LOG_PID, LOG_DAEMON);
     write_hardware_state();
-    dhcpsnoop_sys_set(linux_sys_ops());
+
+    g_ops = *linux_sys_ops();
+    g_inner = linux_sys_ops();
+    g_ops.bind = guarded_bind;
+    g_ops.unlink = guarded_unlink;
+    g_ops.accept = guarded_accept;
+    g_ops.listen = roomy_listen;
+    g_ops.select = interruptible_select;
+    dhcpsnoop_sys_set(&g_ops);
+
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_stop_signal;
+    sa.sa_flags = SA_RESTART; /* select alone returns early, and says so */
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
     return 0;
 }
+
+void linux_platform_started(void)
+{
+    const uint32_t pool = gDhcpsnoop.userMax;
+    for (auto &p : g_config.ports) {
+        auto it = sim_model().ports.find(if_nametoindex(p.name.c_str()));
+        if (it == sim_model().ports.end())
+            continue;
+        uint32_t share = p.maxUsers ? p.maxUsers : std::max<uint32_t>(1, pool / 8);
+        it->second.maxUsers = std::min(share, pool);
+    }
+    gDhcpsnoop.bindingGuard = g_config.bindingGuard ? 1 : 0;
+}
+
+bool linux_stop_requested(void) { return g_stop != 0; }
+
+bool linux_socket_in_use(void) { return g_socketInUse; }

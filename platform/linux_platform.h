@@ -21,12 +21,14 @@ struct LinuxPortConfig {
     bool router = false;
     uint16_t tpid = 0x8100;
     bool excluded = false;
+    uint16_t maxUsers = 0; /* 0: an eighth of the binding pool */
 };
 
 struct LinuxFeatureConfig {
     std::string port; /* a port name, or empty for a VLAN */
     uint16_t vlan = 0;
     uint8_t items = 0;
+    int line = 0;
 };
 
 struct LinuxConfig {
@@ -38,7 +40,17 @@ struct LinuxConfig {
     std::string hostname;
     std::string hardwareState = "/run/dhcpsnoop/hardware";
     bool nftables = true;
+    bool bindingGuard = true;
+    std::string socketGroup = "root"; /* besides root, may use the command socket */
+    uint32_t socketGid = 0;
 };
+
+/* The command socket's default path and its root-owned directory. */
+constexpr const char *LINUX_RUNTIME_DIR = "/run/dhcpsnoop";
+constexpr const char *LINUX_SOCKET_PATH = "/run/dhcpsnoop/dhcpsnoop.sock";
+/* The reply length word sent on a command connection whose peer is neither
+ * root nor in the socket's group; the front end knows it. */
+constexpr uint32_t LINUX_REPLY_DENIED = 0xFFFFFFFFu;
 
 /* Index of the VLAN interface of a VID in the switch model. */
 constexpr uint32_t LINUX_VLAN_IF_BASE = 1000000;
@@ -53,6 +65,21 @@ int linux_config_parse(const std::string &text, LinuxConfig &out, std::string &e
  * hardware state file, system log, peer transport) and install the stock
  * kernel's system-call seam.  Returns 0, or -1 after printing why. */
 int linux_platform_init(void);
+
+/* The daemon's arguments: up to five, the pool sizes 0-65535, the switches
+ * 0 or 1.  Returns 0, or -1 with `error` saying which and why. */
+int linux_args_check(int argc, char **argv, std::string &error);
+
+/* After the daemon's start-up: each port's user limit (its max-users, else an
+ * eighth of the binding pool, never more than the pool) and the binding
+ * guard from the configuration. */
+void linux_platform_started(void);
+
+/* SIGTERM or SIGINT has asked the daemon to stop. */
+bool linux_stop_requested(void);
+
+/* A daemon already serves the command socket (start-up then fails). */
+bool linux_socket_in_use(void);
 
 /* The PVID of a port of the model (1 when unknown). */
 uint16_t linux_port_pvid(uint32_t ifIndex);

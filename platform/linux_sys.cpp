@@ -373,5 +373,5 @@ const DhcpsnoopSysOps *linux_sys_ops(void) { return &linux_ops; }
 const char *linux_socket_path(void)
 {
     const char *p = getenv("DHCPSNOOP_SOCKET");
-    return p && *p ? p : DHCPSNOOP_CMD_SOCKET_PATH;
+    return p && *p ? p : LINUX_SOCKET_PATH;
 }

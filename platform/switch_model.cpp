@@ -177,6 +177,11 @@ int qorIfGetApi(uint32_t ifIndex, uint32_t attr, void *value)
             return -1;
         put_word(value, p->vid);
         return 0;
+    case 5420:
+        if (!p->maxUsers)
+            return -1;
+        put_word(value, p->maxUsers);
+        return 0;
     case 65536285: {
         auto *q = static_cast<QorAggQuery *>(value);
         g_model.aggQueries.push_back(

@@ -30,6 +30,7 @@ struct SimPort {
     int32_t excluded = 0;    /* sysIFGet 255 result: non-zero excludes the port */
     uint32_t number = 0;     /* attribute 5 */
     std::array<uint32_t, 7> location{}; /* qorIndexTrans kind 6 */
+    uint32_t maxUsers = 0;   /* attribute 5420; 0 = no answer */
 };
 
 /* What a feature hook answers for one interface. */

@@ -147,6 +147,13 @@ int dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *entry, Dhcpsn
         vlanIf = dhcpsnoop_if_lookup_by_vid(vid);
     }
 
+    /* a request that names no address has nothing to bind */
+    static const uint8_t unspecified[16] = {};
+    if (memcmp(key->ipAddr, unspecified, addr_len(key->ipType)) == 0) {
+        DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Client ip address is zero, no user entry!\r\n");
+        return 0;
+    }
+
     if (portIf && (portIf->flags & ifflag::TRUSTED)) {
         DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Received Boot-Request message on trust port, don't record "
                           "user entry!\r\n");
@@ -209,6 +216,20 @@ int dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *entry, Dhcpsn
                           user_type_word(u->userType), addrText, u->mac[0], u->mac[1], u->mac[2],
                           u->mac[3], u->mac[4], u->mac[5], descr, int(vid), int(u->leaseTime));
     return 0;
+}
+
+bool dhcpsnoop_user_guarded(const DhcpsnoopUser *entry, uint32_t port, const uint8_t *mac,
+                            DhcpsnoopIf *ifp)
+{
+    if (!gDhcpsnoop.bindingGuard || !entry || !mac || entry->userType != DHCPSNOOP_USER_DYNAMIC ||
+        entry->bindState != DHCPSNOOP_BIND_BOUND)
+        return false;
+    if (entry->ifIndex == port && memcmp(entry->mac, mac, sizeof entry->mac) == 0)
+        return false;
+    if (ifp)
+        ifp->counters[DHCPSNOOP_CNT_GUARD]++;
+    DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Bound user belongs to another client, stop process!\r\n");
+    return true;
 }
 
 /* A server acknowledged a client: bind its provisional entry and push it to

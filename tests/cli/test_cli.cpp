@@ -17,6 +17,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <sstream>
@@ -594,9 +595,14 @@ class FakeServer {
 public:
     using Replier = std::function<Bytes(const Bytes &request)>;
 
-    FakeServer(const std::string &path, int count, Replier reply)
-        : fd_(listen_on(path)), thread_([this, count, reply] { serve(count, reply); })
+    /* With a delay, the count may still be set until the delay is over. */
+    FakeServer(const std::string &path, int count, Replier reply, int delayMs = 0)
+        : count_(count), fd_(listen_on(path)), thread_([this, reply, delayMs] {
+              poll(nullptr, 0, delayMs);
+              serve(count_, reply);
+          })
     {}
+    std::atomic<int> count_;
     ~FakeServer()
     {
         thread_.join();
@@ -698,6 +704,8 @@ TEST_F(CliSocket, BrokenRepliesAreCommunicationErrors)
         {"short", [](const Bytes &req) { Bytes b = framed(req); b.resize(b.size() - 3); return b; },
          "the reply was cut short"},
         {"huge length", [](const Bytes &) { return u32_bytes(1u << 30); }, "is not plausible"},
+        {"refused credentials", [](const Bytes &) { return u32_bytes(REPLY_DENIED); },
+         "interface 7 get 18: permission denied: run as root or as a member of "},
         {"other func",
          [](const Bytes &req) {
              Bytes b = framed(req);
@@ -743,6 +751,25 @@ TEST_F(CliSocket, DaemonNotRunningIsReportedAtOnce)
     close(fd);
     EXPECT_EQ(r.status, EXIT_COMM);
     EXPECT_TRUE(has(r.err, "the daemon is not running")) << r.err;
+}
+
+TEST_F(CliSocket, FullConnectionQueueIsWaitedOutWithinTheTimeout)
+{
+    const int queued = 8; /* more than the listen backlog of 4 holds */
+    FakeServer srv(path, 1, answering(value(5)), 300);
+    struct sockaddr_un un {};
+    un.sun_family = AF_UNIX;
+    strncpy(un.sun_path, path.c_str(), sizeof un.sun_path - 1);
+    int filled = 0;
+    for (int i = 0; i < queued; i++) {
+        int c = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        filled += connect(c, reinterpret_cast<sockaddr *>(&un), sizeof un) == 0;
+        close(c); /* still waits in the queue, to be accepted and find its end */
+    }
+    srv.count_ = filled + 1;
+    ASSERT_LT(filled, queued);
+    Result r = run_cli({"--socket", path, "--timeout", "5", "interface", "7", "get", "18"});
+    EXPECT_EQ(r.out, "5\n") << r.err;
 }
 
 TEST_F(CliSocket, SilentDaemonTimesOut)

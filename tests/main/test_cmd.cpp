@@ -161,6 +161,9 @@ TEST_F(CmdTest, ServerAnswersOneRequestPerConnection)
     const FakeSock *s = sys().sock(sys().closedFds.back());
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(s->options.at({SOL_SOCKET, SO_RCVLOWAT}), 30);
+    /* a client that stops sending or reading holds the loop a moment only */
+    EXPECT_EQ(s->options.count({SOL_SOCKET, SO_RCVTIMEO}), 1u);
+    EXPECT_EQ(s->options.count({SOL_SOCKET, SO_SNDTIMEO}), 1u);
 }
 
 TEST_F(CmdTest, ServerFailuresCloseTheConnection)
@@ -183,9 +186,13 @@ TEST_F(CmdTest, ServerFailuresCloseTheConnection)
     sys().failCall("sendmsg", 1);
     c = serve(framed(global_req(2, 1, 2, u32_bytes(0))), -1);
     EXPECT_TRUE(c.closed);
-    /* setsockopt refused */
-    sys().failCall("setsockopt", 1, SO_RCVLOWAT);
-    EXPECT_TRUE(serve(framed(global_req(2, 1, 2, u32_bytes(0))), -1).output.empty());
+    /* setsockopt refused: nothing is read from a connection without its bounds */
+    for (int opt : {SO_RCVLOWAT, SO_RCVTIMEO, SO_SNDTIMEO}) {
+        sys().failCall("setsockopt", 1, opt);
+        c = serve(framed(global_req(2, 1, 2, u32_bytes(0))), -1);
+        EXPECT_TRUE(c.output.empty()) << opt;
+        EXPECT_EQ(c.readPos, 0u) << opt;
+    }
     /* nothing to accept */
     EXPECT_EQ(dhcpsnoop_cmd_server(), -1);
 }

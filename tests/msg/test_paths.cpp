@@ -389,6 +389,14 @@ TEST_F(PathTest, ClientChecksDropAndCount)
 
 TEST_F(PathTest, LimitsAndPoolExhaustionStopTheRequest)
 {
+    /* a REQUEST that names no address goes on but binds nothing */
+    Dhcp4Frame bare = fromClient(3);
+    bare.options.clear();
+    bare.msgType(3).end();
+    EXPECT_EQ(inject(CLIENT_PORT, bare).size(), 1u);
+    EXPECT_EQ(binding(0), nullptr);
+    EXPECT_EQ(client->curUser, 0);
+
     client->maxUser = 1;
     inject(CLIENT_PORT, fromClient(3));
     ASSERT_NE(binding(), nullptr);
@@ -399,6 +407,10 @@ TEST_F(PathTest, LimitsAndPoolExhaustionStopTheRequest)
     second.msgType(3).opt(50, ipv4(CLIENT_IP + 1)).end();
     EXPECT_TRUE(inject(CLIENT_PORT, second).empty());
     EXPECT_EQ(binding(CLIENT_IP + 1), nullptr);
+    EXPECT_EQ(client->counters[DHCPSNOOP_CNT_TABLE_FULL], 1u);
+    /* the platform's share of the pool is a port's limit from the start */
+    model().addPort(OTHER_PORT, "swp3").maxUsers = 2;
+    EXPECT_EQ(enablePort(OTHER_PORT)->maxUser, 2);
 
     /* the pool holds 16 nodes in all */
     client->maxUser = 100;
@@ -411,6 +423,79 @@ TEST_F(PathTest, LimitsAndPoolExhaustionStopTheRequest)
         forwarded += int(inject(CLIENT_PORT, f).size());
     }
     EXPECT_EQ(forwarded, 15);
+    EXPECT_EQ(client->counters[DHCPSNOOP_CNT_TABLE_FULL], 6u);
+}
+
+TEST_F(PathTest, BindingGuardKeepsABoundEntryFromOtherPortsAndClients)
+{
+    const std::array<uint8_t, 6> ATTACKER{0x02, 0x66, 0, 0, 0, 0x66};
+    DhcpsnoopIf *other = enablePort(OTHER_PORT);
+    struct Case {
+        const char *what;
+        uint8_t guard;
+        uint32_t port;
+        bool attackerMac;
+        uint8_t type;
+        bool kept; /* the client's binding as it was */
+    } cases[] = {
+        {"REQUEST for its address from another port", 1, OTHER_PORT, true, 3, true},
+        {"RELEASE of its address from another port", 1, OTHER_PORT, true, 7, true},
+        {"DECLINE with its MAC from another port", 1, OTHER_PORT, false, 4, true},
+        {"RELEASE from its port with another MAC", 1, CLIENT_PORT, true, 7, true},
+        {"its own RELEASE", 1, CLIENT_PORT, false, 7, false},
+        {"guard off: another port's REQUEST takes it", 0, OTHER_PORT, true, 3, false},
+        {"guard off: another port's RELEASE removes it", 0, OTHER_PORT, true, 7, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        if (DhcpsnoopUser *old = binding())
+            dhcpsnoop_user_delete(old);
+        gDhcpsnoop.bindingGuard = 0;
+        inject(CLIENT_PORT, fromClient(3));
+        inject(SERVER_PORT, fromServer(5).end());
+        ASSERT_NE(binding(), nullptr);
+        ASSERT_EQ(binding()->bindState, DHCPSNOOP_BIND_BOUND);
+
+        gDhcpsnoop.bindingGuard = c.guard;
+        Dhcp4Frame f = fromClient(c.type);
+        if (c.attackerMac)
+            f.src = f.chaddr = ATTACKER;
+        if (c.type != 3) {
+            f.options.clear();
+            f.ciaddr = CLIENT_IP;
+            f.msgType(c.type).end();
+        }
+        auto out = inject(c.port, f);
+        DhcpsnoopIf *in = c.port == CLIENT_PORT ? client : other;
+        if (c.kept) {
+            EXPECT_TRUE(out.empty());
+            EXPECT_EQ(in->counters[DHCPSNOOP_CNT_GUARD], 1u);
+            ASSERT_NE(binding(), nullptr);
+            EXPECT_EQ(binding()->ifIndex, CLIENT_PORT);
+            EXPECT_EQ(memcmp(binding()->mac, CLIENT_MAC.data(), 6), 0);
+            EXPECT_EQ(binding()->bindState, DHCPSNOOP_BIND_BOUND);
+            in->counters[DHCPSNOOP_CNT_GUARD] = 0;
+        } else {
+            EXPECT_EQ(out.size(), 1u);
+            DhcpsnoopUser *u = binding();
+            EXPECT_TRUE(!u || u->ifIndex != CLIENT_PORT || u->bindState != DHCPSNOOP_BIND_BOUND);
+        }
+    }
+}
+
+TEST_F(PathTest, AGrownFrameCarriesNoBytesOfAnEarlierFrame)
+{
+    Dhcp4Frame big = fromClient(1);
+    big.opt(43, std::vector<uint8_t>(250, 0xEE)).opt(43, std::vector<uint8_t>(250, 0xEE)).end();
+    ASSERT_EQ(inject(CLIENT_PORT, big).size(), 1u);
+    client->flags |= ifflag::OPTION82;
+    auto out = inject(CLIENT_PORT, fromClient(1).end());
+    ASSERT_EQ(out.size(), 1u);
+    long end = find_option(out[0].bytes, 14, 255);
+    ASSERT_GT(end, 0);
+    ASSERT_GE(find_option(out[0].bytes, 14, 82), 0);
+    EXPECT_EQ(std::vector<uint8_t>(out[0].bytes.begin() + end + 1, out[0].bytes.end()),
+              std::vector<uint8_t>(out[0].bytes.size() - size_t(end) - 1, 0));
 }
 
 TEST_F(PathTest, NoTrustedPortMeansClientFramesGoNowhere)
@@ -486,11 +571,11 @@ TEST_F(PathTest, VlanInterfaceVariants)
     EXPECT_EQ(u->ifIndex, memberPort);
     EXPECT_EQ(u->vid, vid);
 
-    /* the ACK's binding port has no entry: flooded to the VLAN's members */
+    /* the ACK's binding port has no entry: flooded to the VLAN's members,
+     * but never back to the server's port */
     out = inject(SERVER_PORT, fromServer(5).end(), vid);
-    ASSERT_EQ(out.size(), 2u);
+    ASSERT_EQ(out.size(), 1u);
     EXPECT_EQ(out[0].ifIndex, memberPort);
-    EXPECT_EQ(out[1].ifIndex, SERVER_PORT);
     EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_BOUND);
 
     /* once the member port snoops by itself its frames are the port's */

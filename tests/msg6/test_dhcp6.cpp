@@ -422,6 +422,18 @@ TEST_F(Dhcp6PathTest, RequestAndReplyLearnAndBindAddresses)
     /* IPv6 bindings never produce a user event */
     EXPECT_TRUE(model().netlinkSends.empty());
 
+    /* with the binding guard, another port's REQUEST or RELEASE of a bound
+     * address is dropped and counted, and the binding stays the client's */
+    gDhcpsnoop.bindingGuard = 1;
+    for (uint8_t type : {3, 8}) {
+        Dhcp6Frame spoof = fromClient(type, ia_na6(9, iaaddr6(ip6("2001:db8::11"), 0, 0)));
+        spoof.src = {0x02, 0x66, 0, 0, 0, 0x66};
+        EXPECT_TRUE(inject(O_PORT, spoof).empty()) << int(type);
+        ASSERT_NE(binding("2001:db8::11"), nullptr) << int(type);
+        EXPECT_EQ(binding("2001:db8::11")->ifIndex, C_PORT);
+    }
+    EXPECT_EQ(other->counters[DHCPSNOOP_CNT_GUARD], 2u);
+
     /* a zero lifetime removes one; a RELEASE the other */
     inject(S_PORT, reply(ia_na6(7, iaaddr6(ip6("2001:db8::10"), 0, 0))));
     EXPECT_EQ(binding("2001:db8::10"), nullptr);

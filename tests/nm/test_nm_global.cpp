@@ -33,7 +33,8 @@ TEST_F(GlobalTest, SettingsStoreOnlyWhatThePlatformAccepts)
     const struct {
         uint32_t cmd, value;
     } cases[] = {{DHCPSNOOP_G_ENABLE, 1}, {DHCPSNOOP_G_ENTERPRISE, 9999},
-                 {DHCPSNOOP_G_HW_NOTIFY, 1}, {DHCPSNOOP_G_SERVER_LEARN, 1}};
+                 {DHCPSNOOP_G_HW_NOTIFY, 1}, {DHCPSNOOP_G_SERVER_LEARN, 1},
+                 {DHCPSNOOP_G_BINDING_GUARD, 1}};
     for (const auto &c : cases) {
         const uint32_t before = get(c.cmd);
         model().failOn("qorHwScalarSync", 0x40000 + c.cmd, 5, 1);
@@ -60,9 +61,11 @@ TEST_F(GlobalTest, SettingsStoreOnlyWhatThePlatformAccepts)
 TEST_F(GlobalTest, UnknownAndOneWayCommandsAreRefused)
 {
     uint32_t v = 1;
-    for (uint32_t cmd : {0u, 3u, 5u, 18u, 21u})
+    for (uint32_t cmd : {0u, 3u, 5u, 18u, 22u})
         EXPECT_EQ(dhcpSnoopSetApi(nullptr, cmd, &v), DHCPSNOOP_E_INVALID) << cmd;
-    for (uint32_t cmd : {0u, 17u, 19u, 21u})
+    v = 2; /* the binding guard is on or off */
+    EXPECT_EQ(dhcpSnoopSetApi(nullptr, DHCPSNOOP_G_BINDING_GUARD, &v), DHCPSNOOP_E_INVALID);
+    for (uint32_t cmd : {0u, 17u, 19u, 22u})
         EXPECT_EQ(dhcpSnoopGetApi(nullptr, cmd, &v), DHCPSNOOP_E_INVALID) << cmd;
     EXPECT_EQ(dhcpSnoopSetApi(nullptr, DHCPSNOOP_G_ENABLE, nullptr), DHCPSNOOP_E_INVALID);
     EXPECT_TRUE(model().scalarSyncs.empty());

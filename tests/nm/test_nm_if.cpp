@@ -46,6 +46,10 @@ TEST_F(IfSetTest, OnlyEnablingServesAnInterfaceWithoutEntry)
     uint32_t v = 1;
     EXPECT_EQ(dhcpSnoopIfSetApi(9, 3, &v), DHCPSNOOP_E_NO_ENTRY);
     EXPECT_EQ(dhcpSnoopIfGetApi(9, 1, &v), DHCPSNOOP_E_NO_ENTRY);
+    /* not a port of the switch: no entry, no drop rule */
+    const size_t traps = model().trapCalls.size();
+    EXPECT_EQ(dhcpSnoopIfSetApi(9, 1, &v), DHCPSNOOP_E_NO_ENTRY);
+    EXPECT_EQ(model().trapCalls.size(), traps);
     EXPECT_TRUE(model().ifSyncs.empty());
     model().addPort(9, "swp9");
     EXPECT_EQ(dhcpSnoopIfSetApi(9, 1, &v), 0);

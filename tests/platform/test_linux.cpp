@@ -14,7 +14,7 @@
 TEST(LinuxConfig, ReadsEveryStatement)
 {
     const char *text = "# switch\n"
-                       "port swp1 pvid 10\n"
+                       "port swp1 pvid 010 max-users 20\n"
                        "port uplink tagged vlans 10,20 tpid 0x88a8 router\n"
                        "port swp3 excluded   # not forwarded\n"
                        "vlan 20 interface\n"
@@ -25,13 +25,17 @@ TEST(LinuxConfig, ReadsEveryStatement)
                        "dai vlan20 items 0xF0\n"
                        "hostname sw-7\n"
                        "hardware-state /tmp/hw\n"
-                       "trap none\n";
+                       "trap none\n"
+                       "binding-guard off\n"
+                       "socket-group root\n";
     LinuxConfig c;
     std::string error;
     ASSERT_EQ(linux_config_parse(text, c, error), 0) << error;
     ASSERT_EQ(c.ports.size(), 3u);
     EXPECT_EQ(c.ports[0].name, "swp1");
-    EXPECT_EQ(c.ports[0].pvid, 10);
+    EXPECT_EQ(c.ports[0].pvid, 10); /* decimal, leading zero or not */
+    EXPECT_EQ(c.ports[0].maxUsers, 20);
+    EXPECT_EQ(c.ports[1].maxUsers, 0);
     EXPECT_FALSE(c.ports[0].tagged);
     EXPECT_TRUE(c.ports[1].tagged);
     EXPECT_EQ(c.ports[1].vlans, (std::vector<uint16_t>{10, 20}));
@@ -51,6 +55,9 @@ TEST(LinuxConfig, ReadsEveryStatement)
     EXPECT_EQ(c.hostname, "sw-7");
     EXPECT_EQ(c.hardwareState, "/tmp/hw");
     EXPECT_FALSE(c.nftables);
+    EXPECT_FALSE(c.bindingGuard);
+    EXPECT_TRUE(LinuxConfig().bindingGuard);
+    EXPECT_EQ(c.socketGid, 0u);
 }
 
 TEST(LinuxConfig, RefusesWhatItCannotMeanAndSaysWhere)
@@ -72,12 +79,49 @@ TEST(LinuxConfig, RefusesWhatItCannotMeanAndSaysWhere)
         {"dai swp1 items 0x100", "line 1: expected: dai PORT|vlanVID items 0xHH"},
         {"trap iptables", "line 1: trap is nftables or none"},
         {"frobnicate", "line 1: unknown statement frobnicate"},
+        {"port swp1 pvid 0x", "line 1: bad pvid 0x"},
+        {"port swp1 pvid -5", "line 1: bad pvid -5"},
+        {"port swp1 vlans 10,,20", "line 1: empty item in vlans 10,,20"},
+        {"port swp1 vlans 10,", "line 1: empty item in vlans 10,"},
+        {"port swp1 max-users 0", "line 1: bad max-users 0"},
+        {"port swp1\nport swp2\nport swp1 pvid 2", "line 3: port swp1 is already declared"},
+        {"port swp1\nipsg swp1 items 0x80\ndai swp9 items 0x80\nport swp9x",
+         "line 3: dai on swp9, which is not a declared port"},
+        {"\nhardware-state /nonexistent-dir/sub/hw",
+         "line 2: hardware-state /nonexistent-dir/sub/hw cannot be written: No such file or directory"},
+        {"binding-guard yes", "line 1: binding-guard is on or off"},
+        {"socket-group no-such-group-here", "line 1: no group no-such-group-here"},
     };
     for (auto &c : cases) {
         LinuxConfig out;
         std::string error;
         EXPECT_EQ(linux_config_parse(c.text, out, error), -1) << c.text;
         EXPECT_EQ(error, c.error) << c.text;
+    }
+}
+
+TEST(LinuxArgs, PoolSizesAndSwitchesAreCheckedNotWrapped)
+{
+    struct Case {
+        std::vector<const char *> args;
+        const char *error; /* null: accepted */
+    } cases[] = {
+        {{}, nullptr},
+        {{"0", "65535", "1", "0", "1"}, nullptr},
+        {{"-5"}, "argument 1 (the interface pool size) must be a number from 0 to 65535, not '-5'"},
+        {{"0", "65536"}, "argument 2 (the binding pool size) must be a number from 0 to 65535, not '65536'"},
+        {{"0", "0", "2"}, "argument 3 (the source-guard switch) must be 0 or 1, not '2'"},
+        {{"0", "0", "0", "abc"}, "argument 4 (the ARP-inspection switch) must be 0 or 1, not 'abc'"},
+        {{"0x10"}, "argument 1 (the interface pool size) must be a number from 0 to 65535, not '0x10'"},
+        {{"0", "0", "0", "0", "0", "0"}, "at most five arguments"},
+    };
+    for (auto &c : cases) {
+        std::vector<char *> argv = {const_cast<char *>("dhcpsnoopd")};
+        for (const char *a : c.args)
+            argv.push_back(const_cast<char *>(a));
+        std::string error;
+        EXPECT_EQ(linux_args_check(int(argv.size()), argv.data(), error), c.error ? -1 : 0);
+        EXPECT_EQ(error, c.error ? c.error : "");
     }
 }
 
