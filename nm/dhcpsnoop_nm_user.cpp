@@ -40,19 +40,8 @@ int32_t nm_user_walk(const DhcpsnoopUserKey *after, DhcpsnoopUserKey *out)
 {
     if (!out)
         return -1;
-    const DhcpsnoopUser *best = nullptr;
     dhcpsnoop_lock();
-    for (auto &head : gDhcpsnoop.userHash) {
-        for (DhcpsnoopList *n = head.next; n != &head; n = n->next) {
-            const DhcpsnoopUser *u = dhcpsnoop_entry<DhcpsnoopUser>(n);
-            if (u->userType == DHCPSNOOP_USER_IPSG)
-                continue;
-            if (after && memcmp(nm_key(u), after, sizeof *after) <= 0)
-                continue;
-            if (!best || memcmp(nm_key(u), nm_key(best), sizeof *out) < 0)
-                best = u;
-        }
-    }
+    const DhcpsnoopUser *best = dhcpsnoop_user_next(after);
     if (best)
         memcpy(out, nm_key(best), sizeof *out);
     dhcpsnoop_unlock();
@@ -200,6 +189,7 @@ int32_t nm_user_set_locked(const DhcpsnoopUserKey *key, uint32_t cmd, void *valu
         if (mac->len < sizeof u->mac)
             return DHCPSNOOP_E_LENGTH;
         memcpy(u->mac, mac->buf, sizeof u->mac);
+        dhcpsnoop_user_mac_changed(u);
         u->macMark = DHCPSNOOP_MAC_MARK;
         break;
     }
