@@ -45,7 +45,8 @@ enum Func : uint32_t {
     F_VLAN_FIRST = 13, F_VLAN_NEXT = 14, F_VLAN_SET = 15, F_VLAN_GET = 16,
     F_SERVER_FIRST = 17, F_SERVER_NEXT = 18, F_SERVER_SET = 19, F_SERVER_SYNC = 20,
     F_SERVER_GET = 21,
-    F_COUNT = 22
+    F_USER_PAGE = 22, /* a page of bindings; see dhcpsnoop_adr.h */
+    F_COUNT = 23
 };
 
 /* Data item types of a request. */

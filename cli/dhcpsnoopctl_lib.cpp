@@ -20,6 +20,8 @@
 
 #include <array>
 #include <initializer_list>
+#include <map>
+#include <memory>
 #include <utility>
 
 #include "dhcpsnoop_adr.h"
@@ -128,13 +130,12 @@ Xfer read_full(int fd, uint8_t *dst, size_t n, int64_t deadline, bool &eof, std:
 
 } // namespace
 
-Xfer exchange(const char *path, int timeoutMs, const uint8_t *req, uint32_t len,
-              std::vector<uint8_t> &reply, std::string &detail)
-{
-    reply.clear();
-    detail.clear();
-    int64_t deadline = now_ms() + (timeoutMs > 0 ? timeoutMs : 1);
+namespace {
 
+/* Connect to the daemon's socket; the descriptor is handed to `out`. */
+Xfer connect_to(const char *path, int64_t deadline, std::unique_ptr<Fd> &out,
+                std::string &detail)
+{
     struct sockaddr_un un;
     memset(&un, 0, sizeof un);
     un.sun_family = AF_UNIX;
@@ -144,7 +145,8 @@ Xfer exchange(const char *path, int timeoutMs, const uint8_t *req, uint32_t len,
     }
     memcpy(un.sun_path, path, strlen(path));
 
-    Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    out = std::make_unique<Fd>(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    Fd &fd = *out;
     if (fd.get() < 0) {
         detail = errno_text("socket", errno);
         return Xfer::io_error;
@@ -190,7 +192,13 @@ Xfer exchange(const char *path, int timeoutMs, const uint8_t *req, uint32_t len,
         }
         break;
     }
+    return Xfer::ok;
+}
 
+/* One request and its reply on a connected socket. */
+Xfer transfer(const Fd &fd, int64_t deadline, const uint8_t *req, uint32_t len,
+              std::vector<uint8_t> &reply, std::string &detail)
+{
     /* Length and body leave in one piece: the daemon reads the body with a
      * single receive right after the length. */
     std::vector<uint8_t> msg(4 + size_t(len));
@@ -254,6 +262,36 @@ Xfer exchange(const char *path, int timeoutMs, const uint8_t *req, uint32_t len,
     return Xfer::ok;
 }
 
+/* The exchange on a connection that may be kept for further requests (the
+ * pages of one listing): made on first use, dropped on any failure. */
+Xfer exchange_held(std::unique_ptr<Fd> &fd, const char *path, int timeoutMs, const uint8_t *req,
+                   uint32_t len, std::vector<uint8_t> &reply, std::string &detail)
+{
+    reply.clear();
+    detail.clear();
+    int64_t deadline = now_ms() + (timeoutMs > 0 ? timeoutMs : 1);
+    if (!fd) {
+        Xfer x = connect_to(path, deadline, fd, detail);
+        if (x != Xfer::ok) {
+            fd.reset();
+            return x;
+        }
+    }
+    Xfer x = transfer(*fd, deadline, req, len, reply, detail);
+    if (x != Xfer::ok)
+        fd.reset();
+    return x;
+}
+
+} // namespace
+
+Xfer exchange(const char *path, int timeoutMs, const uint8_t *req, uint32_t len,
+              std::vector<uint8_t> &reply, std::string &detail)
+{
+    std::unique_ptr<Fd> fd;
+    return exchange_held(fd, path, timeoutMs, req, len, reply, detail);
+}
+
 void set_transport(Transport t) { g_transport = std::move(t); }
 
 std::string result_text(int32_t rc)
@@ -300,7 +338,7 @@ IndexKind index_kind(uint32_t func)
 {
     if (func <= F_GLOBAL_GET)
         return IndexKind::global;
-    if (func >= F_USER_FIRST && func <= F_USER_GET)
+    if ((func >= F_USER_FIRST && func <= F_USER_GET) || func == F_USER_PAGE)
         return IndexKind::key;
     if (func >= F_SERVER_FIRST)
         return IndexKind::pair;
@@ -794,16 +832,20 @@ public:
         return sync ? setF + 1 : setF;
     }
 
-    Reply call(const Request &r, int want, const std::string &what)
+    /* With `keep` the connection stays open for the next request (the pages
+     * of one listing); drop it with `held.reset()`. */
+    Reply call(const Request &r, int want, const std::string &what, bool keep = false)
     {
         uint32_t dataPos = 0;
         std::vector<uint8_t> req = encode(r, dataPos);
         std::vector<uint8_t> body;
         std::string detail;
+        if (!keep)
+            held.reset();
         Xfer x = g_transport ? g_transport(path.c_str(), timeoutMs, req.data(),
                                            uint32_t(req.size()), body, detail)
-                             : exchange(path.c_str(), timeoutMs, req.data(),
-                                        uint32_t(req.size()), body, detail);
+                             : exchange_held(held, path.c_str(), timeoutMs, req.data(),
+                                             uint32_t(req.size()), body, detail);
         if (x == Xfer::ok) {
             Reply rep;
             std::string why;
@@ -885,9 +927,9 @@ public:
 
     void ifname_into(JsonObj &o, uint32_t ifIndex) const
     {
-        char b[IF_NAMESIZE];
-        if (!numeric && if_indextoname(ifIndex, b))
-            o.str("interface", b);
+        const std::string &n = known_name(ifIndex);
+        if (!n.empty())
+            o.str("interface", n);
         else
             o.null("interface");
         o.num("ifindex", ifIndex);
@@ -895,10 +937,22 @@ public:
 
     std::string ifname(uint32_t ifIndex) const
     {
+        const std::string &n = known_name(ifIndex);
+        return n.empty() ? std::to_string(ifIndex) : n;
+    }
+
+    std::unique_ptr<Fd> held;
+
+private:
+    /* The kernel is asked once per interface, not once per row. */
+    mutable std::map<uint32_t, std::string> names_;
+    const std::string &known_name(uint32_t ifIndex) const
+    {
+        auto it = names_.find(ifIndex);
+        if (it != names_.end())
+            return it->second;
         char b[IF_NAMESIZE];
-        if (!numeric && if_indextoname(ifIndex, b))
-            return b;
-        return std::to_string(ifIndex);
+        return names_[ifIndex] = !numeric && if_indextoname(ifIndex, b) ? b : "";
     }
 };
 
@@ -997,6 +1051,8 @@ const char *const HELP_BINDING =
     "Usage: dhcpsnoopctl binding COMMAND\n"
     "\n"
     "  binding show [IP]               all bindings, or one\n"
+    "  binding show [--interface IF] [--vlan VID] [--count]\n"
+    "                                  those on a port and/or in a VLAN, or their number\n"
     "  binding add IP mac MAC vlan VID interface IF [attribute N] [unbound]\n"
     "                                  create a static binding and bind it\n"
     "  binding set IP [mac MAC] [vlan VID] [interface IF] [attribute N]\n"
@@ -1676,55 +1732,102 @@ bool read_binding(Session &s, const Key &k, Binding &b, bool mustExist)
     return true;
 }
 
-std::vector<Key> walk_users(Session &s)
+/* Room for the answer of one page: as many records as a request can carry. */
+constexpr uint16_t PAGE_HEAD = 8, PAGE_RECORD = 48;
+constexpr uint16_t PAGE_ROOM =
+    PAGE_HEAD + (REQUEST_MAX - 26 - (3 * 3 + 20) - 4 - PAGE_HEAD) / PAGE_RECORD * PAGE_RECORD;
+
+/* Every binding (on that port and in that VLAN when given), a page per
+ * request, all on one connection. */
+std::vector<Binding> list_bindings(Session &s, uint32_t ifIndex, uint32_t vid)
 {
-    std::vector<Key> keys;
-    Request r = bytes_req(F_USER_FIRST, 0, std::vector<uint8_t>(KEY_ROOM, 0));
+    std::vector<Binding> list;
+    std::vector<uint8_t> room(PAGE_ROOM, 0);
+    memcpy(&room[0], &ifIndex, 4);
+    memcpy(&room[4], &vid, 4);
+    Request r = bytes_req(F_USER_PAGE, 0, room);
     for (;;) {
-        Reply rep = s.call(r, 3, "binding show");
-        if (rep.rc == -1)
-            break;
+        Reply rep = s.call(r, 1, "binding show", true);
         if (rep.rc != 0)
             s.fail("binding show", rep.rc);
-        Key k{};
-        const size_t widths[3] = {1, 3, 16};
-        size_t off = 0;
-        for (int i = 0; i < 3; i++) {
-            if (rep.items[i].bytes.size() != widths[i]) {
-                fprintf(s.err, "dhcpsnoopctl: binding show: bad reply (key piece of %zu bytes)\n",
-                        rep.items[i].bytes.size());
-                throw Abort{EXIT_COMM};
-            }
-            memcpy(&k[off], rep.items[i].bytes.data(), widths[i]);
-            off += widths[i];
+        const std::vector<uint8_t> &v = rep.items[0].bytes;
+        uint32_t n = 0, more = 0;
+        if (v.size() >= PAGE_HEAD) {
+            memcpy(&n, &v[0], 4);
+            memcpy(&more, &v[4], 4);
         }
-        if ((!keys.empty() && k <= keys.back()) || keys.size() >= WALK_MAX) {
-            fprintf(s.err, "dhcpsnoopctl: binding show: the daemon's list does not advance at %s\n",
-                    key_text(k).c_str());
+        if (v.size() < PAGE_HEAD || n > (v.size() - PAGE_HEAD) / PAGE_RECORD) {
+            fprintf(s.err, "dhcpsnoopctl: binding show: bad reply (page of %zu bytes)\n",
+                    v.size());
             throw Abort{EXIT_COMM};
         }
-        keys.push_back(k);
-        r.func = F_USER_NEXT;
-        r.key = k;
+        for (uint32_t i = 0; i < n; i++) {
+            const uint8_t *p = &v[PAGE_HEAD + size_t(i) * PAGE_RECORD];
+            Binding b;
+            memcpy(b.key.data(), p, 20);
+            if ((!list.empty() && b.key <= list.back().key) || list.size() >= WALK_MAX) {
+                fprintf(s.err,
+                        "dhcpsnoopctl: binding show: the daemon's list does not advance at %s\n",
+                        key_text(b.key).c_str());
+                throw Abort{EXIT_COMM};
+            }
+            uint16_t vid16 = 0, attr = 0;
+            memcpy(&b.ifIndex, p + 20, 4);
+            memcpy(&b.lease, p + 24, 4);
+            memcpy(&b.elapsed, p + 28, 4);
+            memcpy(&vid16, p + 32, 2);
+            memcpy(&attr, p + 34, 2);
+            b.vid = vid16;
+            b.attr = attr;
+            b.mac.assign(p + 36, p + 42);
+            b.type = p[42];
+            b.state = p[43];
+            list.push_back(std::move(b));
+        }
+        if (!more || n == 0)
+            break;
+        r.cmd = 1;
+        r.key = list.back().key;
     }
-    return keys;
+    s.held.reset();
+    return list;
 }
 
 int binding_show(Session &s, Args &a)
 {
     std::vector<Binding> list;
-    if (a.more()) {
-        Key k = parse_ip_key(a.next("an address"), a.topic());
-        a.done();
+    uint32_t ifIndex = 0, vid = 0;
+    bool count = false, filtered = false;
+    std::string ip;
+    while (a.more()) {
+        std::string w = a.next("an option");
+        if (w == "--interface") {
+            ifIndex = parse_if(a.next("an interface"), a.topic());
+            filtered = true;
+        } else if (w == "--vlan") {
+            vid = parse_u32(a.next("a VLAN id"), 1, 4094, "a VLAN id", a.topic());
+            filtered = true;
+        } else if (w == "--count") {
+            count = filtered = true;
+        } else if (ip.empty() && !w.empty() && w[0] != '-') {
+            ip = w;
+        } else {
+            throw Usage{"unexpected '" + w + "'", a.topic()};
+        }
+    }
+    if (!ip.empty() && filtered)
+        throw Usage{"give an address or --interface/--vlan/--count, not both", a.topic()};
+    if (!ip.empty()) {
+        Key k = parse_ip_key(ip, a.topic());
         Binding b;
         read_binding(s, k, b, true);
         list.push_back(b);
     } else {
-        for (const Key &k : walk_users(s)) {
-            Binding b;
-            if (read_binding(s, k, b, false))
-                list.push_back(b);
-        }
+        list = list_bindings(s, ifIndex, vid);
+    }
+    if (count) {
+        fprintf(s.out, s.json ? "{\"count\":%zu}\n" : "%zu\n", list.size());
+        return EXIT_OK;
     }
     if (s.json) {
         std::string o = "[";
@@ -2019,6 +2122,11 @@ int dhcpsnoopctl_run(int argc, char **argv, FILE *out, FILE *err)
                         throw Usage{"--timeout needs a number of seconds (up to 3600)", ""};
                     s.timeoutMs = int(secs * 1000 + 0.5) ? int(secs * 1000 + 0.5) : 1;
                 }
+            } else if (opts && (w == "--interface" || w == "--vlan" || w == "--count")) {
+                /* options of `binding show`, left with their value for it */
+                words.push_back(w);
+                if (w != "--count" && i + 1 < argc)
+                    words.push_back(argv[++i] ? argv[i] : "");
             } else if (opts && w.size() > 1 && w[0] == '-' && !isdigit((unsigned char)w[1])) {
                 throw Usage{"unknown option '" + w + "'", ""};
             } else {

@@ -11,6 +11,7 @@
 
 #include "dhcpsnoop.h"
 #include "dhcpsnoop_sys.h"
+#include "dhcpsnoop_user.h"
 
 inline void fuzz_fresh_state(uint16_t ifMax, uint16_t userMax, uint16_t serverMax)
 {
@@ -35,7 +36,8 @@ inline void fuzz_fresh_state(uint16_t ifMax, uint16_t userMax, uint16_t serverMa
         dhcpsnoop_memlist_init(&gDhcpsnoop.userFreeList, &gDhcpsnoop.userPool,
                                sizeof(DhcpsnoopUser), userMax) != 0 ||
         dhcpsnoop_memlist_init(&gDhcpsnoop.serverFreeList, &gDhcpsnoop.serverPool,
-                               sizeof(DhcpsnoopServer), serverMax) != 0)
+                               sizeof(DhcpsnoopServer), serverMax) != 0 ||
+        dhcpsnoop_user_index_init(userMax) != 0)
         abort();
 }
 

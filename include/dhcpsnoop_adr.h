@@ -24,6 +24,27 @@
  *
  * So a body of 26 bytes ends exactly after the index count byte.
  *
+ * Func 22, a page of bindings: the index is a user key (as funcs 8 to 12);
+ * cmd 0 lists from the first key, cmd 1 from the first key above the one
+ * given.  The data item is bytes (type 0) of length L >= 8, the room for the
+ * answer: in the request its first two uint32 are filters, the interface
+ * index and the VLAN id a binding must have (0: any).  The reply keeps L and
+ * fills it with:
+ *
+ *   0       4     n, the records that follow
+ *   4       4     more: 1 when the page filled up before the table ended
+ *   8       48*n  records, in key order (20-byte key byte order), each:
+ *                 0 key (20), 20 ifIndex (4), 24 leaseTime (4),
+ *                 28 elapsed seconds (4), 32 vid (2), 34 userAttr (2),
+ *                 36 mac (6), 42 userType (1), 43 bindState (1),
+ *                 44 origVid (2), 46 hwFlags (1), 47 zero (1)
+ *
+ * IP-source-guard bindings are left out, as by funcs 8 and 9.  After a
+ * reply with more = 1 the daemon reads the next request on the same
+ * connection, so a whole listing takes one connection: the front end asks
+ * again from the last record's key; every other request has a connection of
+ * its own.
+ *
  * Every read and write is checked against the buffer's size: a call that
  * would pass the end fails (non-zero, or null for adr_getchar) and leaves the
  * position where it was.

@@ -49,9 +49,14 @@ int dhcpsnoop_packet_parse(DhcpsnoopRxPkt *rxpkt, DhcpsnoopPktInfo *info, uint32
 
 /* ---- checksums (msg/) ---- */
 uint16_t checkdhcpsnoopsum(const uint8_t *buf, int32_t len);
+/* The Internet sum in two steps: the unfolded sum of big-endian words (an odd
+ * last byte high) and its folded complement, so that pieces lying apart sum
+ * to what one pass over them laid end to end would give. */
+uint32_t dhcpsnoop_sum16(const uint8_t *buf, uint32_t len);
+uint16_t dhcpsnoop_sum_fold(uint32_t sum);
 /* Reads max(8, L) bytes at udpHeader, L being its UDP length field (0 is
  * returned without reading when L is above 2036), and clears its checksum
- * field: pass a scratch copy of at least that size. */
+ * field. */
 uint16_t dhcpsnoop_get_udp_checksum(const uint8_t *ipHeader, uint8_t *udpHeader);
 uint16_t dhcpsnoop_update_checksum(DhcpsnoopPktInfo *info, uint32_t delta, uint32_t grow);
 

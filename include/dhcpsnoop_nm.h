@@ -68,6 +68,8 @@ int32_t dhcpSnoopIfGetFirst(uint32_t *ifindex);
 int32_t dhcpSnoopIfGetNext(uint32_t ifindex, uint32_t *next);
 
 /* ---- bindings ---- */
+constexpr uint32_t DHCPSNOOP_PAGE_HEAD = 8;    /* count and more */
+constexpr uint32_t DHCPSNOOP_PAGE_RECORD = 48; /* one binding */
 int32_t dhcpSnoopUserGetFirst(DhcpsnoopUserKey *key);
 int32_t dhcpSnoopUserGetNext(const DhcpsnoopUserKey *key, DhcpsnoopUserKey *next);
 int32_t _dhcpSnoopUserSetApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *value,
@@ -75,6 +77,10 @@ int32_t _dhcpSnoopUserSetApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *va
 int32_t dhcpSnoopUserSetApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *value);
 int32_t dhcpSnoopUserSyncApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *value);
 int32_t dhcpSnoopUserGetApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *value);
+/* One page of bindings in key order after `after` (from the first when
+ * null), laid out in `page` as the codec header describes for func 22;
+ * `more` is set when the page filled up before the table ended. */
+int32_t dhcpSnoopUserGetPage(const DhcpsnoopUserKey *after, QorTextPair *page, bool *more);
 
 /* ---- relay server-ips: pair = {interface index, IPv4 address in host order} ---- */
 int32_t dhcpSnoopServerIpGetFirst(uint32_t *pair);

@@ -121,6 +121,23 @@ DhcpsnoopUser *dhcpsnoop_user_update(DhcpsnoopPktInfo *info, DhcpsnoopOptBuf *op
                                      DhcpsnoopOptBuf *bootFile);
 int dhcpsnoop_user_get(const DhcpsnoopUserQuery *query);
 
+/* ---- the binding index (user/): made at start-up from the pool size ---- */
+int32_t dhcpsnoop_user_index_init(uint32_t count); /* after the user pool; -1 if no memory */
+void dhcpsnoop_user_index_release(void);
+void dhcpsnoop_user_index_add(DhcpsnoopUser *entry);    /* key set, MAC to follow */
+void dhcpsnoop_user_index_remove(DhcpsnoopUser *entry);
+DhcpsnoopUser *dhcpsnoop_user_index_find(const DhcpsnoopUserKey *key);
+/* Whoever rewrites the MAC of an existing binding says so. */
+void dhcpsnoop_user_mac_changed(DhcpsnoopUser *entry);
+/* The first dynamic binding of a MAC in bucket order, or null. */
+DhcpsnoopUser *dhcpsnoop_user_lookup_by_mac(const uint8_t *mac);
+/* The binding with the smallest key above `after` (the first with null),
+ * IP-source-guard bindings left out; keys ordered by their 20 bytes. */
+const DhcpsnoopUser *dhcpsnoop_user_next(const DhcpsnoopUserKey *after);
+void dhcpsnoop_mac_user_index_add(DhcpsnoopMacUser *entry);
+void dhcpsnoop_mac_user_index_remove(DhcpsnoopMacUser *entry);
+DhcpsnoopMacUser *dhcpsnoop_mac_user_index_find(const uint8_t *mac);
+
 /* ---- binding propagation (user/) ---- */
 void dhcpsnoop_user_notifier(DhcpsnoopUser *entry, uint32_t add);
 int dhcpsnoop_user_state_notify(DhcpsnoopUser *entry, uint32_t add, uint8_t *items, uint32_t kind);

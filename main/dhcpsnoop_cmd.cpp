@@ -20,7 +20,7 @@ namespace {
 
 constexpr uint32_t CMD_HEAD_LEN = 26;     /* three header words, index header and count */
 constexpr uint32_t CMD_RESULT_POS = 12;   /* value of the ret code word */
-constexpr uint32_t CMD_FUNC_COUNT = 22;
+constexpr uint32_t CMD_FUNC_COUNT = 23;
 constexpr uint32_t CMD_EMPTY_REPLY = 22;  /* answered to an empty request */
 constexpr int CMD_RCVLOWAT = 30;
 constexpr time_t CMD_IO_BOUND_SECONDS = 1;
@@ -45,7 +45,14 @@ constexpr FuncInfo FUNCS[CMD_FUNC_COUNT] = {
     {1, IDX_INT32},      {1, IDX_INT32},      {1, IDX_INT32},      {1, IDX_INT32},      /* 13-16 */
     {2, IDX_SERVER_KEY}, {2, IDX_SERVER_KEY}, {2, IDX_SERVER_KEY}, {2, IDX_SERVER_KEY}, /* 17-20 */
     {2, IDX_SERVER_KEY},                                                                /* 21 */
+    {3, IDX_USER_KEY},                                                                  /* 22 */
 };
+
+constexpr uint32_t FUNC_USER_PAGE = 22;
+
+/* Set by a page of bindings that filled up: the connection stays open for
+ * the request of the next page. */
+bool page_more;
 
 /* The decoded request. */
 struct CmdRequest {
@@ -72,7 +79,7 @@ bool cmd_value_is_text(uint32_t func, uint32_t cmd)
         return cmd == 5 || cmd == 6 || cmd == 7 || cmd == 12 || cmd == 14;
     if (func >= 10 && func <= 12)
         return cmd == 5;
-    return false;
+    return func == FUNC_USER_PAGE;
 }
 
 void *cmd_value(CmdRequest &r)
@@ -259,8 +266,14 @@ void cmd_dispatch(AdrBuf &a, CmdRequest &r)
     case 20:
         rc = dhcpSnoopServerIpSetApi(r.pair, r.cmd, value);
         break;
-    default: /* 21 */
+    case 21:
         rc = dhcpSnoopServerIpGetApi(r.pair, r.cmd, value);
+        break;
+    default: /* 22 */
+        if (!value || r.cmd > 1)
+            rc = DHCPSNOOP_E_INVALID;
+        else
+            rc = dhcpSnoopUserGetPage(r.cmd ? &r.key : nullptr, &r.text, &page_more);
         break;
     }
     adr_int32(&a, rc);
@@ -272,6 +285,7 @@ void cmd_dispatch(AdrBuf &a, CmdRequest &r)
     case 7:
     case 12:
     case 16:
+    case FUNC_USER_PAGE:
         /* an answer only where the entry point had somewhere to put it */
         if (value)
             cmd_encode_value(a, r);
@@ -312,6 +326,7 @@ uint32_t dhcpsnoop_cmd_process(uint8_t *buffer, uint32_t length)
         return 0;
     }
 
+    page_more = false;
     CmdRequest r{};
     AdrBuf a;
     /* Every item is read from inside the request: an item that runs past
@@ -367,6 +382,60 @@ uint32_t dhcpsnoop_cmd_process(uint8_t *buffer, uint32_t length)
     return adr_count(&a);
 }
 
+namespace {
+
+/* Read one request from the connection, process it and send the reply;
+ * -1 when the connection failed or was closed. */
+int cmd_serve_one(int fd)
+{
+    uint32_t length = 0;
+    if (dhcpsnoop_sys->recv(fd, &length, sizeof length, 0) != ssize_t(sizeof length)) {
+        perror("[DHCPSNOOP] Command server recv buflen failed!\r\n");
+        return -1;
+    }
+    /* A body that cannot fit the request buffer is not read at all: the
+     * connection is closed at once with no reply.  Draining it instead would
+     * let a client that announces a huge length hold the single loop for as
+     * long as it likes; closing gives the front end end-of-stream (or a
+     * reset) straight away, so it never waits for an answer. */
+    if (length > DHCPSNOOP_CMD_BUF_SIZE) {
+        DHCPSNOOP_DEBUG("[DHCPSNOOP] Command server: request of %u bytes is too long!\r\n",
+                        unsigned(length));
+        return -1;
+    }
+    /* Zeroed, so that whatever part of it a reply carries never holds an
+     * earlier request's bytes. */
+    uint8_t buffer[DHCPSNOOP_CMD_BUF_SIZE] = {};
+    if (dhcpsnoop_sys->recv(fd, buffer, length, 0) != ssize_t(length)) {
+        perror("[DHCPSNOOP] Command server recv buf failed!\r\n");
+        return -1;
+    }
+
+    uint32_t reply = dhcpsnoop_cmd_process(buffer, length);
+    if (reply == 0)
+        DHCPSNOOP_DEBUG("[DHCPSNOOP] Command server: call cmd process failed!\r\n");
+
+    struct iovec iov[2];
+    iov[0].iov_base = &reply;
+    iov[0].iov_len = sizeof reply;
+    iov[1].iov_base = buffer;
+    iov[1].iov_len = reply;
+    struct msghdr msg;
+    memset(&msg, 0, sizeof msg);
+    msg.msg_iov = iov;
+    msg.msg_iovlen = 2;
+    const ssize_t sent = dhcpsnoop_sys->sendmsg(fd, &msg, 0);
+    if (sent != ssize_t(reply + sizeof reply)) {
+        DHCPSNOOP_DEBUG("[DHCPSNOOP] Command server: send %d bytes was different from %d!\r\n",
+                        int(sent), int(reply + sizeof reply));
+        perror("[DHCPSNOOP] Command server sendto failed!\r\n");
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
 int dhcpsnoop_cmd_server(void)
 {
     int fd = dhcpsnoop_sys->accept(gDhcpsnoop.cmdSock, nullptr, nullptr);
@@ -389,53 +458,10 @@ int dhcpsnoop_cmd_server(void)
         dhcpsnoop_sys->close(fd);
         return -1;
     }
-    uint32_t length = 0;
-    if (dhcpsnoop_sys->recv(fd, &length, sizeof length, 0) != ssize_t(sizeof length)) {
-        perror("[DHCPSNOOP] Command server recv buflen failed!\r\n");
-        dhcpsnoop_sys->close(fd);
-        return -1;
-    }
-    /* A body that cannot fit the request buffer is not read at all: the
-     * connection is closed at once with no reply.  Draining it instead would
-     * let a client that announces a huge length hold the single loop for as
-     * long as it likes; closing gives the front end end-of-stream (or a
-     * reset) straight away, so it never waits for an answer. */
-    if (length > DHCPSNOOP_CMD_BUF_SIZE) {
-        DHCPSNOOP_DEBUG("[DHCPSNOOP] Command server: request of %u bytes is too long!\r\n",
-                        unsigned(length));
-        dhcpsnoop_sys->close(fd);
-        return -1;
-    }
-    /* Zeroed, so that whatever part of it a reply carries never holds an
-     * earlier request's bytes. */
-    uint8_t buffer[DHCPSNOOP_CMD_BUF_SIZE] = {};
-    if (dhcpsnoop_sys->recv(fd, buffer, length, 0) != ssize_t(length)) {
-        perror("[DHCPSNOOP] Command server recv buf failed!\r\n");
-        dhcpsnoop_sys->close(fd);
-        return -1;
-    }
-
-    uint32_t reply = dhcpsnoop_cmd_process(buffer, length);
-    if (reply == 0)
-        DHCPSNOOP_DEBUG("[DHCPSNOOP] Command server: call cmd process failed!\r\n");
-
-    struct iovec iov[2];
-    iov[0].iov_base = &reply;
-    iov[0].iov_len = sizeof reply;
-    iov[1].iov_base = buffer;
-    iov[1].iov_len = reply;
-    struct msghdr msg;
-    memset(&msg, 0, sizeof msg);
-    msg.msg_iov = iov;
-    msg.msg_iovlen = 2;
-    const ssize_t sent = dhcpsnoop_sys->sendmsg(fd, &msg, 0);
-    int rc = 0;
-    if (sent != ssize_t(reply + sizeof reply)) {
-        DHCPSNOOP_DEBUG("[DHCPSNOOP] Command server: send %d bytes was different from %d!\r\n",
-                        int(sent), int(reply + sizeof reply));
-        perror("[DHCPSNOOP] Command server sendto failed!\r\n");
-        rc = -1;
-    }
+    /* one request, or the pages of one listing */
+    int rc;
+    while ((rc = cmd_serve_one(fd)) == 0 && page_more)
+        ;
     dhcpsnoop_sys->close(fd);
     return rc;
 }

@@ -17,6 +17,7 @@
 
 #include "dhcpsnoop.h"
 #include "dhcpsnoop_sys.h"
+#include "dhcpsnoop_user.h"
 
 DhcpsnoopGlobal gDhcpsnoop;
 
@@ -398,6 +399,10 @@ int32_t dhcpsnoop_init_ex(uint16_t ifCount, uint16_t userCount, uint16_t serverC
         DHCPSNOOP_DEBUG("[DHCPSNOOP] Failed to allocate memory for server free list\r\n");
         goto fail;
     }
+    if (dhcpsnoop_user_index_init(gDhcpsnoop.userMax) != 0) {
+        DHCPSNOOP_DEBUG("[DHCPSNOOP] Failed to allocate memory for the user index\r\n");
+        goto fail;
+    }
 
     gDhcpsnoop.enterpriseNum = DHCPSNOOP_ENTERPRISE_NUMBER;
     set_option_formats(optionMode);
@@ -478,6 +483,7 @@ void dhcpsnoop_shutdown(void)
         gDhcpsnoop.rtSock = -1;
     }
     release_pool(&gDhcpsnoop.ifFreeList, &gDhcpsnoop.ifPool);
+    dhcpsnoop_user_index_release();
     release_pool(&gDhcpsnoop.userFreeList, &gDhcpsnoop.userPool);
     release_pool(&gDhcpsnoop.serverFreeList, &gDhcpsnoop.serverPool);
     init = 0;

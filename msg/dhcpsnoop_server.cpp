@@ -31,20 +31,6 @@ void put_be32(uint8_t *p, uint32_t v)
     p[3] = uint8_t(v);
 }
 
-/* The first dynamic binding of the client's MAC, in bucket order. */
-DhcpsnoopUser *dynamic_user_of_mac(const uint8_t *mac)
-{
-    for (int b = 0; b < DHCPSNOOP_HASH_SIZE; b++) {
-        DhcpsnoopList *head = &gDhcpsnoop.userHash[b];
-        for (DhcpsnoopList *n = head->next; n != head; n = n->next) {
-            DhcpsnoopUser *u = dhcpsnoop_entry<DhcpsnoopUser>(n);
-            if (u->userType == DHCPSNOOP_USER_DYNAMIC && memcmp(u->mac, mac, 6) == 0)
-                return u;
-        }
-    }
-    return nullptr;
-}
-
 /* The reply was relayed by this switch: address it to the client again. */
 void undo_relay(DhcpsnoopPktInfo *info, const DhcpsnoopIf *egress)
 {
@@ -114,7 +100,7 @@ void dhcpsnoop_server_packet_recv(DhcpsnoopPktInfo *info)
             egress = enabled_if(bound->ifIndex);
         }
     } else if (nak) {
-        if (DhcpsnoopUser *u = dynamic_user_of_mac(info->chaddr)) {
+        if (DhcpsnoopUser *u = dhcpsnoop_user_lookup_by_mac(info->chaddr)) {
             vid = u->vid;
             uint32_t port = u->ifIndex;
             if (u->serverId == info->serverId)

@@ -92,17 +92,13 @@ uint16_t dhcp6snoop_get_udp_checksum(DhcpsnoopPktInfo *info)
     uint32_t udpLen = info->udpLen;
     if (udpLen + 36 >= DHCPSNOOP_FRAME_MAX + 1)
         return 0;
-    uint8_t work[DHCPSNOOP_FRAME_MAX];
-    memset(work, 0, sizeof work);
-    memcpy(work, info->ipHdr + 8, 16);
-    memcpy(work + 16, info->ipHdr + 24, 16);
-    work[33] = 17;
-    work[34] = uint8_t(udpLen >> 8);
-    work[35] = uint8_t(udpLen);
+    /* Summed where it lies: both addresses, the next header and the UDP
+     * length, then the datagram as far as the frame holds it. */
     const uint8_t *end = dhcp6snoop_frame_end(info);
     size_t avail = info->udpHdr < end ? size_t(end - info->udpHdr) : 0;
-    memcpy(work + 36, info->udpHdr, udpLen < avail ? udpLen : avail);
-    return checkdhcpsnoopsum(work, int32_t(udpLen + 36));
+    uint32_t sum = dhcpsnoop_sum16(info->ipHdr + 8, 32) + 17 + udpLen +
+                   dhcpsnoop_sum16(info->udpHdr, uint32_t(udpLen < avail ? udpLen : avail));
+    return dhcpsnoop_sum_fold(sum);
 }
 
 void dhcp6snoop_index_options(DhcpsnoopPktInfo *info)

@@ -40,19 +40,8 @@ int32_t nm_user_walk(const DhcpsnoopUserKey *after, DhcpsnoopUserKey *out)
 {
     if (!out)
         return -1;
-    const DhcpsnoopUser *best = nullptr;
     dhcpsnoop_lock();
-    for (auto &head : gDhcpsnoop.userHash) {
-        for (DhcpsnoopList *n = head.next; n != &head; n = n->next) {
-            const DhcpsnoopUser *u = dhcpsnoop_entry<DhcpsnoopUser>(n);
-            if (u->userType == DHCPSNOOP_USER_IPSG)
-                continue;
-            if (after && memcmp(nm_key(u), after, sizeof *after) <= 0)
-                continue;
-            if (!best || memcmp(nm_key(u), nm_key(best), sizeof *out) < 0)
-                best = u;
-        }
-    }
+    const DhcpsnoopUser *best = dhcpsnoop_user_next(after);
     if (best)
         memcpy(out, nm_key(best), sizeof *out);
     dhcpsnoop_unlock();
@@ -200,6 +189,7 @@ int32_t nm_user_set_locked(const DhcpsnoopUserKey *key, uint32_t cmd, void *valu
         if (mac->len < sizeof u->mac)
             return DHCPSNOOP_E_LENGTH;
         memcpy(u->mac, mac->buf, sizeof u->mac);
+        dhcpsnoop_user_mac_changed(u);
         u->macMark = DHCPSNOOP_MAC_MARK;
         break;
     }
@@ -348,6 +338,55 @@ int32_t dhcpSnoopUserGetApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *val
     int32_t rc = nm_user_get_locked(key, cmd, value);
     dhcpsnoop_unlock();
     return rc;
+}
+
+/* Several bindings per request: as many records as fit the caller's room,
+ * with the listing's order and filters applied here rather than by one
+ * request per binding and attribute. */
+int32_t dhcpSnoopUserGetPage(const DhcpsnoopUserKey *after, QorTextPair *page, bool *more)
+{
+    *more = false;
+    if (!page || !page->buf || page->len < DHCPSNOOP_PAGE_HEAD)
+        return DHCPSNOOP_E_LENGTH;
+    uint8_t *p = static_cast<uint8_t *>(page->buf);
+    uint32_t ifFilter, vidFilter;
+    memcpy(&ifFilter, p, 4);
+    memcpy(&vidFilter, p + 4, 4);
+    memset(p, 0, page->len);
+    const uint32_t room = (page->len - DHCPSNOOP_PAGE_HEAD) / DHCPSNOOP_PAGE_RECORD;
+    const uint32_t now = nm_now();
+    uint32_t n = 0;
+    dhcpsnoop_lock();
+    for (const DhcpsnoopUser *u = dhcpsnoop_user_next(after); u;
+         u = dhcpsnoop_user_next(nm_key(u))) {
+        if ((ifFilter && u->ifIndex != ifFilter) || (vidFilter && u->vid != vidFilter))
+            continue;
+        if (n == room) {
+            *more = true;
+            break;
+        }
+        uint32_t elapsed = now - u->leaseStart;
+        if (u->userType == DHCPSNOOP_USER_DYNAMIC && elapsed > u->leaseTime)
+            elapsed = u->leaseTime;
+        uint8_t *r = p + DHCPSNOOP_PAGE_HEAD + n * DHCPSNOOP_PAGE_RECORD;
+        memcpy(r, nm_key(u), sizeof(DhcpsnoopUserKey));
+        memcpy(r + 20, &u->ifIndex, 4);
+        memcpy(r + 24, &u->leaseTime, 4);
+        memcpy(r + 28, &elapsed, 4);
+        memcpy(r + 32, &u->vid, 2);
+        memcpy(r + 34, &u->userAttr, 2);
+        memcpy(r + 36, u->mac, 6);
+        r[42] = u->userType;
+        r[43] = u->bindState;
+        memcpy(r + 44, &u->origVid, 2);
+        r[46] = u->hwFlags;
+        n++;
+    }
+    dhcpsnoop_unlock();
+    memcpy(p, &n, 4);
+    const uint32_t flag = *more;
+    memcpy(p + 4, &flag, 4);
+    return DHCPSNOOP_OK;
 }
 
 /* ---- relay server-ips ------------------------------------------------------- */

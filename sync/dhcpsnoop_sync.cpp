@@ -275,6 +275,7 @@ void dhcpsnoop_sync_user_recv(const uint8_t *record, uint32_t room)
     u->macMark = record[43];
     u->userAttr = get<uint16_t>(record, 44);
     memcpy(u->mac, record + 46, 6);
+    dhcpsnoop_user_mac_changed(u);
     u->ipsgHwId = get<uint32_t>(record, 52);
     u->daiHwId = get<uint32_t>(record, 56);
 }

@@ -42,17 +42,10 @@ uint32_t dhcpsnoop_user_hash_key(const DhcpsnoopUserKey *key)
     return sum % DHCPSNOOP_HASH_SIZE;
 }
 
+/* Through the index: one short chain whatever the table size. */
 DhcpsnoopUser *dhcpsnoop_user_lookup(const DhcpsnoopUserKey *key)
 {
-    if (!key)
-        return nullptr;
-    DhcpsnoopList *head = &gDhcpsnoop.userHash[dhcpsnoop_user_hash_key(key)];
-    for (DhcpsnoopList *n = head->next; n != head; n = n->next) {
-        DhcpsnoopUser *u = dhcpsnoop_entry<DhcpsnoopUser>(n);
-        if (u->ipType == key->ipType && memcmp(u->ipAddr, key->ipAddr, addr_len(key->ipType)) == 0)
-            return u;
-    }
-    return nullptr;
+    return dhcpsnoop_user_index_find(key);
 }
 
 DhcpsnoopUser *dhcpsnoop_user_table_add(const DhcpsnoopUserKey *key)
@@ -68,6 +61,7 @@ DhcpsnoopUser *dhcpsnoop_user_table_add(const DhcpsnoopUserKey *key)
     memcpy(dhcpsnoop_user_key(u), key, sizeof *key);
     DHCPSNOOP_DEBUG_I("[DHCPSNOOP] User do not exist, add it to user table.\r\n");
     dhcpsnoop_list_insert_after(&gDhcpsnoop.userHash[dhcpsnoop_user_hash_key(key)], n);
+    dhcpsnoop_user_index_add(u);
     return u;
 }
 
@@ -304,6 +298,7 @@ void dhcpsnoop_user_delete(DhcpsnoopUser *entry)
     if (dhcpsnoop_running_role_get() == DHCPSNOOP_ROLE_MASTER)
         dhcpsnoop_sync_user_send(entry, 0);
 
+    dhcpsnoop_user_index_remove(entry);
     free_user_node(&entry->link);
 }
 
@@ -356,6 +351,7 @@ DhcpsnoopMacUser *dhcpsnoop_mac_user_add(const DhcpsnoopPktInfo *info)
     if (info->chaddr)
         memcpy(m->mac, info->chaddr, sizeof m->mac);
     dhcpsnoop_list_insert_after(&gDhcpsnoop.macUserHash[dhcpsnoop_mac_user_hash(m->mac)], n);
+    dhcpsnoop_mac_user_index_add(m);
     const DhcpsnoopIf *ifp = info->ifp;
     if (ifp && ifp->isVlanIf) {
         m->ifIndex = info->ifIndex;
@@ -370,21 +366,16 @@ DhcpsnoopMacUser *dhcpsnoop_mac_user_add(const DhcpsnoopPktInfo *info)
     return m;
 }
 
+/* The newest MAC user of that MAC, as the bucket's head-first walk finds it. */
 DhcpsnoopMacUser *dhcpsnoop_mac_user_lookup(const uint8_t *mac)
 {
-    if (!mac)
-        return nullptr;
-    DhcpsnoopList *head = &gDhcpsnoop.macUserHash[dhcpsnoop_mac_user_hash(mac)];
-    for (DhcpsnoopList *n = head->next; n != head; n = n->next) {
-        DhcpsnoopMacUser *m = dhcpsnoop_entry<DhcpsnoopMacUser>(n);
-        if (memcmp(m->mac, mac, 6) == 0)
-            return m;
-    }
-    return nullptr;
+    return dhcpsnoop_mac_user_index_find(mac);
 }
 
 void dhcpsnoop_mac_user_delete(DhcpsnoopMacUser *entry)
 {
-    if (entry)
-        free_user_node(&entry->link);
+    if (!entry)
+        return;
+    dhcpsnoop_mac_user_index_remove(entry);
+    free_user_node(&entry->link);
 }

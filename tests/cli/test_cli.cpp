@@ -147,6 +147,8 @@ Answer plain_answer(const Decoded &d)
     default:
         break;
     }
+    if (d.func == F_USER_PAGE) /* an empty last page */
+        return Answer{0, {{DT_BYTES, Bytes(d.data.size(), 0)}}};
     if (d.dataType == DT_BYTES && (d.func == F_IF_GET || d.func == F_USER_GET))
         return Answer{0, {{DT_BYTES, Bytes(d.func == F_USER_GET ? 6 : 0, 0)}}};
     if (d.dataType == DT_U32 && (d.func == F_GLOBAL_GET || d.func == F_IF_GET ||
@@ -219,6 +221,15 @@ protected:
     }
     void TearDown() override { set_transport(nullptr); }
 };
+
+/* The room of a page request, its first two words the port and VLAN filters. */
+Bytes page_room(uint32_t ifIndex, uint32_t vid)
+{
+    Bytes r(1448, 0);
+    memcpy(r.data(), &ifIndex, 4);
+    memcpy(r.data() + 4, &vid, 4);
+    return r;
+}
 
 Bytes ipv4_key(const char *ip)
 {
@@ -340,7 +351,9 @@ INSTANTIATE_TEST_SUITE_P(
         one({"--sync", "binding", "unbind", "2001:db8::1"}, num(11, 9, 2, ipv6_key("2001:db8::1"))),
         one({"binding", "delete", "192.0.2.7"}, num(10, 9, 6, K4)),
         one({"binding", "set", "192.0.2.7", "attribute", "9"}, num(10, 4, 9, K4)),
-        one({"binding", "show"}, {8, 0, Bytes(20, 0), T0, Bytes(28, 0)}),
+        one({"binding", "show"}, {22, 0, Bytes(20, 0), T0, Bytes(1448, 0)}),
+        one({"binding", "show", "--vlan", "10", "--interface", "7", "--count"},
+            {22, 0, Bytes(20, 0), T0, page_room(7, 10)}),
         RequestCase{{"binding", "show", "192.0.2.7"}, {{12, 5, K4, T0, Bytes(6, 0)}, num(12, 1, 0, K4)}},
         one({"vlan", "show"}, num(13, 0, 0)),
         one({"vlan", "4094", "enable", "on"}, num(15, 3, 1, u32_bytes(4094))),
@@ -382,28 +395,31 @@ TEST_F(CliScripted, InterfaceListingFollowsGetNextAndReadsCounters)
 TEST_F(CliScripted, BindingListingDecodesKeysAndAttributes)
 {
     const Bytes a = ipv4_key("192.0.2.7"), b = ipv6_key("2001:db8::9");
+    /* one record of a page: key, port, lease, elapsed, vid, attribute, MAC,
+     * type, state, then three bytes not shown */
+    auto record = [](const Bytes &k, bool first) {
+        Bytes r = k;
+        for (uint32_t v : {first ? 3u : 4u, first ? 0xFFFFFFFFu : 600u, first ? 12u : 30u,
+                           first ? 10u : 20u})
+            for (uint8_t byte : u32_bytes(v))
+                r.push_back(byte);
+        /* the last word is the 16-bit vid and an attribute of 0 */
+        r.insert(r.end(), {0x02, 0, 0, 0, 0, uint8_t(first ? 7 : 9),
+                           uint8_t(first ? 2 : 1), uint8_t(first ? 1 : 4), 0, 0, 0, 0});
+        return r;
+    };
+    /* two pages: the second asked for after the first page's last key */
     daemon = [&](const Decoded &d) -> Answer {
-        auto keyAnswer = [](const Bytes &k) {
-            return Answer{0, {{T0, Bytes(k.begin(), k.begin() + 1)},
-                              {T0, Bytes(k.begin() + 1, k.begin() + 4)},
-                              {T0, Bytes(k.begin() + 4, k.end())}}};
-        };
-        if (d.func == F_USER_FIRST)
-            return keyAnswer(a);
-        if (d.func == F_USER_NEXT)
-            return d.key() == a ? keyAnswer(b) : fail(-1);
-        bool first = d.key() == a;
-        switch (d.cmd) {
-        case 5:
-            return Answer{0, {{T0, {0x02, 0, 0, 0, 0, uint8_t(first ? 7 : 9)}}}};
-        case 1: return value(first ? 10 : 20);
-        case 2: return value(first ? 3 : 4);
-        case 8: return value(first ? 2 : 1);
-        case 9: return value(first ? 1 : 4);
-        case 6: return value(first ? 0xFFFFFFFF : 600);
-        case 7: return value(first ? 12 : 30);
-        default: return value(0);
-        }
+        if (d.func != F_USER_PAGE)
+            return fail(0x3E80010);
+        bool first = d.cmd == 0;
+        if (!first && d.key() != a)
+            return fail(0x3E80010);
+        Bytes page = u32_bytes(1);
+        for (const Bytes &part : {u32_bytes(first ? 1 : 0), record(first ? a : b, first)})
+            page.insert(page.end(), part.begin(), part.end());
+        page.resize(d.data.size());
+        return Answer{0, {{T0, page}}};
     };
     Result r = run_cli({"-n", "binding", "show"});
     ASSERT_EQ(r.status, 0) << r.err;
@@ -947,6 +963,11 @@ TEST_F(CliDaemon, BindingsMadeByTheFrontEndAreListedBack)
                                                      rows.back()[7]}));
     r = ctl({"--json", "global", "show"});
     EXPECT_TRUE(has(r.out, "\"users\":1001")) << r.out;
+    /* filtered in the daemon, across pages */
+    EXPECT_EQ(ctl({"binding", "show", "--vlan", "3", "--count"}).out, "143\n");
+    EXPECT_EQ(ctl({"--json", "binding", "show", "--interface", "3", "--count"}).out,
+              "{\"count\":1001}\n");
+    EXPECT_EQ(ctl({"binding", "show", "--interface", "4"}).out, "No bindings.\n");
 
     refused({"binding", "add", ip(5), "mac", mac(5), "vlan", "1", "interface", "3"},
             "exists already");

@@ -1,5 +1,6 @@
 /* The command server: request decoding, reply forms and the connection. */
 #include <cstring>
+#include <tuple>
 
 #include "binding_helpers.h"
 #include "cmd_helpers.h"
@@ -75,11 +76,11 @@ TEST_F(CmdTest, OddRequestsKeepTheirAnswers)
     EXPECT_EQ(dhcpsnoop_cmd_process(buf.data(), 0), 22u);
     EXPECT_EQ(dhcpsnoop_cmd_process(nullptr, 40), 22u);
 
-    /* func 22 comes back unchanged, result word untouched */
-    Bytes f22 = cmd_body({22, 1, {}, 2, u32_bytes(9)}); /* no index for it */
-    memset(f22.data() + 12, 0x5A, 4);
-    EXPECT_EQ(cmd_run(f22), f22);
-    EXPECT_NE(model().debugText.find("error func 22 in encode data"), std::string::npos);
+    /* func 23 comes back unchanged, result word untouched */
+    Bytes f23 = cmd_body({23, 1, {}, 2, u32_bytes(9)}); /* no index for it */
+    memset(f23.data() + 12, 0x5A, 4);
+    EXPECT_EQ(cmd_run(f23), f23);
+    EXPECT_NE(model().debugText.find("error func 23 in encode data"), std::string::npos);
 }
 
 TEST_F(CmdTest, ReplyFormsFollowTheRequestsDataType)
@@ -205,4 +206,74 @@ TEST_F(CmdTest, BodyOfTheWholeBufferIsServed)
     ASSERT_EQ(body.size(), DHCPSNOOP_CMD_BUF_SIZE);
     FakeConn c = serve(framed(body), 0);
     EXPECT_EQ(c.output.size(), 4 + body.size());
+}
+
+/* Func 22 answers pages of bindings in key order, source-guard bindings left
+ * out, filtered by port and VLAN; the pages of one listing share one
+ * connection, which closes after the last. */
+TEST_F(CmdTest, BindingPagesFollowKeyOrderOnOneConnection)
+{
+    const Mac mac = {2, 0, 0, 0, 0, 7};
+    DhcpsnoopUserKey v6 = v6key({0x20, 0x01, 0x0d, 0xb8});
+    for (auto [key, type, port, vid] :
+         {std::tuple{v4key(10, 0, 0, 9), DHCPSNOOP_USER_STATIC, 3u, 10},
+          {v6, DHCPSNOOP_USER_STATIC, 3u, 10}, {v4key(10, 0, 0, 2), DHCPSNOOP_USER_DYNAMIC, 3u, 10},
+          {v4key(10, 0, 0, 5), DHCPSNOOP_USER_IPSG, 3u, 10},
+          {v4key(192, 0, 2, 1), DHCPSNOOP_USER_DYNAMIC, 4u, 20},
+          {v4key(10, 0, 0, 3), DHCPSNOOP_USER_DYNAMIC, 3u, 10}})
+        ASSERT_NE(make_user(key, type, port, uint16_t(vid), mac), nullptr);
+    auto page = [](const DhcpsnoopUserKey *after, uint32_t port, uint32_t vid) {
+        Bytes room(DHCPSNOOP_PAGE_HEAD + 2 * DHCPSNOOP_PAGE_RECORD);
+        memcpy(room.data(), &port, 4);
+        memcpy(room.data() + 4, &vid, 4);
+        return user_req(22, after ? *after : DhcpsnoopUserKey{}, after ? 1 : 0, 0, room);
+    };
+    /* the keys of a reply's records, and its more flag */
+    auto keys = [](const Bytes &reply) {
+        Bytes v = reply_item(reply, DATA_POS_USER).value;
+        std::vector<Bytes> out;
+        uint32_t n = 0, more = 0;
+        memcpy(&n, v.data(), 4);
+        memcpy(&more, v.data() + 4, 4);
+        for (uint32_t i = 0; i < n; i++)
+            out.emplace_back(v.begin() + 8 + 48 * i, v.begin() + 8 + 48 * i + 20);
+        return std::pair{out, more};
+    };
+    auto key = [](const DhcpsnoopUserKey &k) { return Bytes(&k.ipType, &k.ipType + 20); };
+    DhcpsnoopUserKey k3 = v4key(10, 0, 0, 3), k192 = v4key(192, 0, 2, 1);
+
+    Bytes in = framed(page(nullptr, 0, 0));
+    for (const Bytes &b : {framed(page(&k3, 0, 0)), framed(page(&k192, 0, 0))})
+        in.insert(in.end(), b.begin(), b.end());
+    const size_t used = in.size();
+    Bytes next = framed(page(&v6, 0, 0)); /* never read: the listing ended */
+    in.insert(in.end(), next.begin(), next.end());
+    FakeConn c = serve(in, 0);
+    EXPECT_TRUE(c.closed);
+    EXPECT_EQ(c.readPos, used);
+    std::vector<std::pair<std::vector<Bytes>, uint32_t>> got;
+    for (size_t at = 0; at + 4 <= c.output.size();) {
+        uint32_t len = 0;
+        memcpy(&len, c.output.data() + at, 4);
+        got.push_back(keys(Bytes(c.output.begin() + at + 4, c.output.begin() + at + 4 + len)));
+        at += 4 + len;
+    }
+    using P = std::pair<std::vector<Bytes>, uint32_t>;
+    EXPECT_EQ(got, (std::vector<P>{{{key(v4key(10, 0, 0, 2)), key(k3)}, 1},
+                                   {{key(v4key(10, 0, 0, 9)), key(k192)}, 1},
+                                   {{key(v6)}, 0}}));
+
+    /* filters; a page that ends the table exactly is the last */
+    EXPECT_EQ(keys(cmd_run(page(nullptr, 0, 20))), (P{{key(k192)}, 0}));
+    EXPECT_EQ(keys(cmd_run(page(&k3, 3, 0))), (P{{key(v4key(10, 0, 0, 9)), key(v6)}, 0}));
+    /* a record: key, port, lease, elapsed (a dynamic lease that ran out reads
+     * as the lease), vid, attribute, MAC, type, state */
+    Bytes r = reply_item(cmd_run(page(nullptr, 4, 0)), DATA_POS_USER).value;
+    const Bytes rec(r.begin() + 8 + 20, r.begin() + 8 + 44);
+    Bytes want = u32_bytes(4);
+    for (const Bytes &b : {u32_bytes(3600), u32_bytes(3600), Bytes{20, 0, 0, 0},
+                           Bytes(mac.begin(), mac.end()),
+                           Bytes{DHCPSNOOP_USER_DYNAMIC, DHCPSNOOP_BIND_BOUND}})
+        want.insert(want.end(), b.begin(), b.end());
+    EXPECT_EQ(rec, want);
 }

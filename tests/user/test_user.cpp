@@ -367,3 +367,29 @@ TEST_F(UserTest, MacUsersShareBucketsAndThePool)
     EXPECT_EQ(dhcpsnoop_mac_user_lookup(a.data()), ma);
     EXPECT_EQ(learn(v4key(10, 2, 0, 0), port3, kMacA), 0);
 }
+
+/* The NAK path finds a client's dynamic binding by MAC: the first in bucket
+ * order among several, never a static one, and under a MAC that was written
+ * after the entry was made or rewritten later by management or the peer. */
+TEST_F(UserTest, BindingsAreFoundByMacInBucketOrder)
+{
+    const Mac m = {2, 0, 0, 0, 0, 9};
+    /* 10.0.0.1 and 1.0.0.10 share bucket 11; 10.0.0.3 lies in bucket 13 */
+    DhcpsnoopUser *late = make_user(v4key(10, 0, 0, 3), DHCPSNOOP_USER_DYNAMIC, 3, 10, m);
+    DhcpsnoopUser *deep = make_user(v4key(10, 0, 0, 1), DHCPSNOOP_USER_DYNAMIC, 3, 10, m);
+    DhcpsnoopUser *head = make_user(v4key(1, 0, 0, 10), DHCPSNOOP_USER_DYNAMIC, 3, 10, m);
+    make_user(v4key(10, 0, 0, 2), DHCPSNOOP_USER_STATIC, 3, 10, kMacB);
+    struct Step {
+        DhcpsnoopUser *gone; /* deleted before the lookup */
+        const Mac &mac;
+        DhcpsnoopUser *expect;
+    } steps[] = {{nullptr, m, head}, {head, m, deep}, {deep, m, late}, {nullptr, kMacB, nullptr}};
+    for (auto &s : steps) {
+        dhcpsnoop_user_delete(s.gone);
+        EXPECT_EQ(dhcpsnoop_user_lookup_by_mac(s.mac.data()), s.expect);
+    }
+    memcpy(late->mac, kMacA.data(), 6);
+    dhcpsnoop_user_mac_changed(late);
+    EXPECT_EQ(dhcpsnoop_user_lookup_by_mac(m.data()), nullptr);
+    EXPECT_EQ(dhcpsnoop_user_lookup_by_mac(kMacA.data()), late);
+}
