@@ -168,7 +168,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         fuzz_check_tables();
         sys.sent.clear();
     }
-    /* every lease and waiting client runs out */
+    /* one more lease scan, long after: provisional bindings, short leases
+     * and waiting clients age out */
     sys.now += 100000;
     dhcpsnoop_main_pass();
     fuzz_check_tables();
