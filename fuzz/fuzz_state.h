@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <map>
+#include <set>
 
 #include "dhcpsnoop.h"
 #include "dhcpsnoop_sys.h"
@@ -47,6 +49,70 @@ inline size_t fuzz_chain_length(const DhcpsnoopList *head)
     for (const DhcpsnoopList *e = head->next; e != head; e = e->next)
         n++;
     return n;
+}
+
+/* The pools and tables hold together, or abort: every node of a pool lies in
+ * that pool and is on exactly one list (its free list or a table), so free +
+ * used = pool size; each link's neighbours point back at it; every binding
+ * and MAC user is the one its table's own lookup finds; each interface's
+ * user count equals the dynamic bindings that deleting them would count down
+ * on it (its port's and its VLAN's).  This is the one place that knows how
+ * the tables are laid out: a change of buckets or hashing is followed here. */
+inline void fuzz_check_tables()
+{
+    std::set<const DhcpsnoopList *> seen;
+    auto walk = [&](DhcpsnoopList *head, const void *pool, size_t size, uint16_t max,
+                    auto &&each) {
+        size_t n = 0;
+        for (DhcpsnoopList *e = head->next; e != head; e = e->next, n++) {
+            size_t off = size_t(reinterpret_cast<const char *>(e) - static_cast<const char *>(pool));
+            if (e->next->prev != e || e->prev->next != e || !seen.insert(e).second ||
+                reinterpret_cast<const char *>(e) < static_cast<const char *>(pool) ||
+                off % size != 0 || off / size >= max)
+                abort();
+            each(e);
+        }
+        return n;
+    };
+    auto none = [](DhcpsnoopList *) {};
+    DhcpsnoopGlobal &g = gDhcpsnoop;
+
+    std::map<const DhcpsnoopIf *, size_t> counted;
+    auto user = [&](DhcpsnoopList *e) {
+        DhcpsnoopUser *u = dhcpsnoop_entry<DhcpsnoopUser>(e);
+        if (dhcpsnoop_user_lookup(dhcpsnoop_user_key(u)) != u)
+            abort();
+        if (u->userType == DHCPSNOOP_USER_DYNAMIC) {
+            counted[dhcpsnoop_if_lookup(u->ifIndex)]++;
+            counted[dhcpsnoop_if_lookup_by_vid(u->vid)]++;
+        }
+    };
+    auto macUser = [&](DhcpsnoopList *e) {
+        DhcpsnoopMacUser *m = dhcpsnoop_entry<DhcpsnoopMacUser>(e);
+        if (dhcpsnoop_mac_user_lookup(m->mac) != m)
+            abort();
+    };
+    const size_t us = sizeof(DhcpsnoopUser);
+    size_t users = walk(&g.userFreeList, g.userPool, us, g.userMax, none);
+    for (DhcpsnoopList &head : g.userHash)
+        users += walk(&head, g.userPool, us, g.userMax, user);
+    for (DhcpsnoopList &head : g.macUserHash)
+        users += walk(&head, g.userPool, us, g.userMax, macUser);
+
+    uint32_t lastIndex = 0;
+    auto iface = [&](DhcpsnoopList *e) {
+        const DhcpsnoopIf *f = dhcpsnoop_entry<DhcpsnoopIf>(e);
+        if (f->ifIndex < lastIndex || f->curUser != counted[f])
+            abort();
+        lastIndex = f->ifIndex;
+    };
+    const size_t is = sizeof(DhcpsnoopIf), ss = sizeof(DhcpsnoopServer);
+    if (users != g.userMax ||
+        walk(&g.ifFreeList, g.ifPool, is, g.ifMax, none) +
+                walk(&g.ifList, g.ifPool, is, g.ifMax, iface) != g.ifMax ||
+        walk(&g.serverFreeList, g.serverPool, ss, g.serverMax, none) +
+                walk(&g.serverList, g.serverPool, ss, g.serverMax, none) != g.serverMax)
+        abort();
 }
 
 /* The daemon's hex dumps go to standard output; keep it quiet while fuzzing. */

@@ -55,7 +55,10 @@ void dhcpsnoop_recv(DhcpsnoopRxPkt *rxpkt)
     info.rxTime = uint32_t(dhcpsnoop_sys->time(nullptr));
 
     if (!v6) {
-        uint8_t op = info.dhcpMsg ? info.dhcpMsg[0] : 0;
+        /* An IPv4-typed frame whose IP byte said 6 was parsed as DHCPv6: it
+         * has no BOOTP message (no client hardware address) for either path
+         * to work on, so it ends here like an unknown op. */
+        uint8_t op = info.dhcpMsg && info.chaddr ? info.dhcpMsg[0] : 0;
         DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Dhcp %s packet, type value %d(%s).\r\n",
                           op == 1 ? "request" : "reply", int(info.msgType & 0xFF),
                           msg_type_name(info.msgType & 0xFF));

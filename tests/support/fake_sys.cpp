@@ -301,6 +301,8 @@ ssize_t f_recv(int fd, void *buf, size_t len, int)
     }
     FakeConn &c = it->second;
     size_t n = std::min(len, c.input.size() - c.readPos);
+    if (c.chunk)
+        n = std::min(n, c.chunk);
     if (n)
         memcpy(buf, c.input.data() + c.readPos, n);
     c.readPos += n;

@@ -53,6 +53,7 @@ struct FakeConn {
     size_t readPos = 0;
     std::vector<uint8_t> output; /* what the daemon answered */
     bool closed = false;
+    size_t chunk = 0;            /* most bytes one recv hands over (0: no limit) */
 };
 
 struct FakeSent {

@@ -1,0 +1,81 @@
+/*
+ * The command server's framing through its socket read path: a started
+ * daemon accepts connections (the fake system calls) whose client sends the
+ * input's bytes, which recv hands over in chunks, one connection a loop pass.
+ *
+ * Input: a run of connections, each a chunk byte (the most bytes one recv
+ * hands over, 0: no limit), a 2-byte big-endian length and that many bytes
+ * sent by the client: normally the 4-byte host-order request length, then
+ * the body.  After each pass the connection must be closed, unanswered or
+ * answered with a 4-byte length and that many bytes, never more than it
+ * asked (22 for an empty request), and the tables must hold together.
+ * fuzz/gen_corpus_rx.py --cmd writes seeds from fuzz/corpus/cmd/.
+ */
+#include <cstring>
+
+#include "fake_sys.h"
+#include "fuzz_state.h"
+#include "switch_model.h"
+
+namespace {
+
+constexpr int CONNS_MAX = 8;
+
+void start_switch()
+{
+    dhcpsnoop_shutdown();
+    FakeSys &sys = FakeSys::get();
+    sys.reset();
+    sys.install();
+    dhcpsnoop_main_setup();
+    SwitchModel &m = sim_model();
+    m.reset();
+    for (uint32_t i = 1; i <= 3; i++)
+        m.addPort(i, "p" + std::to_string(i));
+    m.addVlanIf(10, 10, "vlan10");
+    m.addVlanIf(11, 20, "vlan20");
+    if (dhcpsnoop_init_ex(4, 8, 4, 3, nullptr, nullptr, nullptr) != 0)
+        abort();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    fuzz_quiet_stdout();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    start_switch();
+    FakeSys &sys = FakeSys::get();
+    size_t pos = 0;
+    for (int n = 0; n < CONNS_MAX && pos + 3 <= size; n++) {
+        FakeConn c;
+        c.chunk = data[pos];
+        size_t len = size_t(data[pos + 1]) << 8 | data[pos + 2];
+        pos += 3;
+        len = len < size - pos ? len : size - pos;
+        c.input.assign(data + pos, data + pos + len);
+        pos += len;
+        uint32_t asked = 0;
+        if (len >= 4)
+            memcpy(&asked, data + pos - len, 4);
+        sys.pendingConns.push_back(c);
+        sys.finishedConns.clear();
+        dhcpsnoop_main_pass();
+
+        if (!sys.conns.empty() || sys.finishedConns.size() != 1)
+            abort(); /* a connection left open */
+        const std::vector<uint8_t> &out = sys.finishedConns[0].output;
+        uint32_t word = 0;
+        if (out.size() >= 4)
+            memcpy(&word, out.data(), 4);
+        if (!out.empty() && (out.size() < 4 || word != out.size() - 4 ||
+                             word > (asked ? asked : 22)))
+            abort();
+        fuzz_check_tables();
+    }
+    return 0;
+}
