@@ -13,6 +13,7 @@ int main(int argc, char **argv)
     /* Start-up's result is not looked at: a daemon whose start failed still
      * runs its loop with closed descriptors. */
     dhcpsnoop_start(argc, argv);
+    linux_platform_started(gDhcpsnoop.userMax);
     /* The relay socket stays closed unless asked for: with it, an interface
      * that has a relay address reaches its servers by UDP. */
     const char *relay = getenv("DHCPSNOOP_RELAY");

@@ -54,6 +54,18 @@ int linux_config_parse(const std::string &text, LinuxConfig &out, std::string &e
  * kernel's system-call seam.  Returns 0, or -1 after printing why. */
 int linux_platform_init(void);
 
+/* After the daemon's start-up: open the hardware state file with room for
+ * the binding pool's records (`bindings` is the pool's size). */
+int linux_platform_started(uint32_t bindings);
+
+/* The hardware state file: one fixed-width line per record handed to
+ * hardware, updated in place (see dist/dhcpsnoop.conf.example).  Opening it
+ * (an empty path: no file) truncates it and allocates the slots for
+ * `bindings` addresses once; an update is the platform's hardware callback
+ * (op 0x3E800DF adds or replaces a record, anything else removes it). */
+int linux_hw_state_open(const char *path, uint32_t bindings);
+void linux_hw_state_update(uint32_t ifIndex, uint32_t op, const uint8_t *rec);
+
 /* The PVID of a port of the model (1 when unknown). */
 uint16_t linux_port_pvid(uint32_t ifIndex);
 

@@ -3,7 +3,10 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
+#include <fstream>
 
 #include <gtest/gtest.h>
 
@@ -216,4 +219,71 @@ TEST(LinuxNetlink, StockLinkAttributesNeverLookLikeAggregationEvents)
     memcpy(&c[0], &tooLong, 4);
     linux_filter_netlink(c.data(), c.size());
     linux_filter_netlink(c.data(), 10);
+}
+
+namespace {
+/* A hardware record as the binding code builds it: IPv4 `last` in
+ * 192.0.2.0/24, MAC ending in `last`, VLAN 10, the rule kind's flags. */
+std::array<uint8_t, 44> hw_record(uint8_t last, uint8_t ruleFlags)
+{
+    std::array<uint8_t, 44> r{};
+    r = {0x02, 0, 0, 0, 0, last};
+    uint16_t vid = 10;
+    memcpy(&r[6], &vid, 2);
+    r[16] = 192, r[17] = 0, r[18] = 2, r[19] = last;
+    r[36] = 1, r[37] = ruleFlags, r[39] = 0x20;
+    return r;
+}
+
+std::vector<std::string> state_lines(const std::string &path)
+{
+    std::ifstream in(path);
+    std::vector<std::string> out;
+    for (std::string l; std::getline(in, l);) {
+        EXPECT_EQ(l.size() + 1, 96u) << l;
+        l.erase(l.find_last_not_of(' ') + 1);
+        if (!l.empty() && l[0] != '#')
+            out.push_back(l);
+    }
+    return out;
+}
+} // namespace
+
+TEST(LinuxHardwareState, OneLinePerRecordUpdatedInPlaceAndSlotsReused)
+{
+    std::string path = testing::TempDir() + "dhcpsnoop-hw-state";
+    ASSERT_EQ(linux_hw_state_open(path.c_str(), 2), 0);
+    const uint32_t ADD = 0x3E800DF, DEL = 0x3E800E0;
+    for (uint8_t b : {5, 6, 7})
+        linux_hw_state_update(9, ADD, hw_record(b, 0x80).data());
+    linux_hw_state_update(9, ADD, hw_record(6, 0x40).data()); /* a second rule, same address */
+    linux_hw_state_update(9, ADD, hw_record(6, 0x40).data()); /* replaced, not repeated */
+    EXPECT_EQ(state_lines(path), (std::vector<std::string>{
+                                     "9 192.0.2.5 02:00:00:00:00:05 10 ipsg",
+                                     "9 192.0.2.6 02:00:00:00:00:06 10 ipsg",
+                                     "9 192.0.2.6 02:00:00:00:00:06 10  dai",
+                                     "9 192.0.2.7 02:00:00:00:00:07 10 ipsg"}));
+    auto size = [&] { return std::ifstream(path, std::ios::ate).tellg(); };
+    auto before = size();
+    linux_hw_state_update(9, DEL, hw_record(5, 0x80).data());
+    linux_hw_state_update(9, DEL, hw_record(5, 0x80).data()); /* gone already */
+    linux_hw_state_update(3, DEL, hw_record(6, 0x80).data()); /* another port's */
+    linux_hw_state_update(9, ADD, hw_record(8, 0x80).data()); /* takes the freed slot */
+    EXPECT_EQ(size(), before);
+    EXPECT_EQ(state_lines(path), (std::vector<std::string>{
+                                     "9 192.0.2.8 02:00:00:00:00:08 10 ipsg",
+                                     "9 192.0.2.6 02:00:00:00:00:06 10 ipsg",
+                                     "9 192.0.2.6 02:00:00:00:00:06 10  dai",
+                                     "9 192.0.2.7 02:00:00:00:00:07 10 ipsg"}));
+    /* every slot taken: further addresses are left out, nothing else changes */
+    for (int b = 20; b < 200; b++)
+        linux_hw_state_update(9, ADD, hw_record(uint8_t(b), 0x80).data());
+    linux_hw_state_update(9, DEL, hw_record(6, 0x80).data());
+    linux_hw_state_update(9, DEL, hw_record(6, 0x40).data());
+    EXPECT_EQ(state_lines(path).size(), 2u + 64u - 1u);
+    linux_hw_state_update(9, ADD, hw_record(250, 0x80).data()); /* room again */
+    std::vector<std::string> lines = state_lines(path);
+    EXPECT_EQ(lines.size(), 2u + 64u);
+    EXPECT_EQ(lines[1], "9 192.0.2.250 02:00:00:00:00:fa 10 ipsg");
+    linux_hw_state_open("", 0);
 }
