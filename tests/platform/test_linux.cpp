@@ -1,7 +1,14 @@
 /* The Linux platform: its configuration, and how frames and link events of a
  * stock kernel are turned into what the daemon expects. */
+#include <arpa/inet.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -13,6 +20,7 @@
 #include "frame6_helpers.h"
 #include "frame_helpers.h"
 #include "linux_platform.h"
+#include "switch_model.h"
 
 TEST(LinuxConfig, ReadsEveryStatement)
 {
@@ -286,4 +294,64 @@ TEST(LinuxHardwareState, OneLinePerRecordUpdatedInPlaceAndSlotsReused)
     EXPECT_EQ(lines.size(), 2u + 64u);
     EXPECT_EQ(lines[1], "9 192.0.2.250 02:00:00:00:00:fa 10 ipsg");
     linux_hw_state_open("", 0);
+}
+
+/* Frames on a real packet socket, in a network namespace of the test's own
+ * (needs root; skipped otherwise): loopback is the switch's only port. */
+TEST(LinuxBatch, QueuedFramesComeOneByOneInOrderAndSelectSeesTheRest)
+{
+    if (unshare(CLONE_NEWNET) != 0)
+        GTEST_SKIP() << "no network namespace of our own (not root)";
+    int ctl = socket(AF_INET, SOCK_DGRAM, 0);
+    struct ifreq ifr {};
+    strcpy(ifr.ifr_name, "lo");
+    ioctl(ctl, SIOCGIFFLAGS, &ifr);
+    ifr.ifr_flags |= IFF_UP;
+    ASSERT_EQ(ioctl(ctl, SIOCSIFFLAGS, &ifr), 0);
+    close(ctl);
+    sim_model().reset();
+    sim_model().addPort(if_nametoindex("lo"), "lo");
+
+    const DhcpsnoopSysOps *sys = linux_sys_ops();
+    int fd = sys->socket(AF_PACKET, SOCK_RAW, htons(ETH_P_IP));
+    ASSERT_GE(fd, 0);
+    struct sockaddr_ll to {};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = int(if_nametoindex("lo"));
+    to.sll_halen = 6;
+    std::vector<std::vector<uint8_t>> sent;
+    for (uint32_t xid = 1; xid <= 5; xid++) {
+        Dhcp4Frame f;
+        f.xid = xid;
+        sent.push_back(f.msgType(1).end().build());
+        ASSERT_EQ(sys->sendto(fd, sent.back().data(), sent.back().size(), 0,
+                              reinterpret_cast<struct sockaddr *>(&to), sizeof to),
+                  ssize_t(sent.back().size()));
+    }
+    auto readable = [&](long usec) {
+        fd_set rd;
+        FD_ZERO(&rd);
+        FD_SET(fd, &rd);
+        struct timeval tv = {0, usec};
+        return sys->select(fd + 1, &rd, nullptr, nullptr, &tv) == 1 && FD_ISSET(fd, &rd);
+    };
+    for (size_t i = 0; i < sent.size(); i++) {
+        ASSERT_TRUE(readable(500000)) << i;
+        uint8_t buf[2048];
+        alignas(struct cmsghdr) uint8_t control[64];
+        struct iovec iov = {buf, sizeof buf};
+        struct msghdr m {};
+        m.msg_iov = &iov;
+        m.msg_iovlen = 1;
+        m.msg_control = control;
+        m.msg_controllen = sizeof control;
+        ssize_t n = sys->recvmsg(fd, &m, 0);
+        ASSERT_EQ(n, ssize_t(sent[i].size())) << i;
+        EXPECT_EQ(std::vector<uint8_t>(buf, buf + n), sent[i]) << i;
+        /* after the first, the kernel's queue is empty: the rest were read with it */
+        uint8_t peek;
+        EXPECT_EQ(recv(fd, &peek, 1, MSG_PEEK | MSG_DONTWAIT), -1) << i;
+    }
+    EXPECT_FALSE(readable(0));
+    sys->close(fd);
 }
