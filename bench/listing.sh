@@ -47,10 +47,11 @@ now() { date +%s.%N; }
 secs() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.3f", b - a}'; }
 
 rss0=$(rss_kib)
+nl_say "daemon RSS at start (pool of $COUNT bindings): $rss0 KiB"
 t0=$(now)
 if ! in_ns sw timeout "$FILL_TIMEOUT" env DHCPSNOOP_SOCKET="$SOCK" "$FILL" "$COUNT" swp1 10; then
   have=$(ctl_in sw "$SOCK" binding show --json | json_get 'len(j) if isinstance(j, list) else len(j.get("bindings", []))' || echo '?')
-  nl_say "fill: stopped after ${FILL_TIMEOUT}s with $have of $COUNT bindings"
+  nl_say "fill: stopped after ${FILL_TIMEOUT}s with $have of $COUNT bindings; RSS $(rss_kib) KiB"
   exit 1
 fi
 t1=$(now)
@@ -66,7 +67,7 @@ t1=$(now)
 nl_say "binding show --json: $(secs "$t0" "$t1") s ($bytes bytes)"
 
 rss1=$(rss_kib)
-nl_say "daemon RSS: $rss0 KiB at start, $rss1 KiB with $COUNT bindings (+$((rss1 - rss0)) KiB)"
+nl_say "daemon RSS with $COUNT bindings: $rss1 KiB (+$((rss1 - rss0)) KiB since start)"
 if [ "$HW" = 1 ]; then
   nl_say "hardware state file: $(wc -l <"$NL_TMP/hardware") lines, $(wc -c <"$NL_TMP/hardware") bytes"
 fi

@@ -22,6 +22,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "dhcpsnoop_adr.h"
@@ -149,11 +150,18 @@ struct HwSlot {
 };
 static_assert(sizeof(HwSlot) == 24, "a hardware state slot is 24 bytes");
 
+/* Allocated zeroed and never written ahead of use, so the pages a slot sits
+ * on count toward the daemon's memory only once a binding reaches it. */
+struct Calloced {
+    void operator()(void *p) const { free(p); }
+};
 struct HwState {
     int fd = -1;
-    std::vector<HwSlot> slots;
-    std::vector<uint32_t> heads; /* slot + 1, 0 = empty chain; a power of two long */
-    uint32_t freeList = 0;       /* slot + 1 */
+    std::unique_ptr<HwSlot[], Calloced> slots;
+    uint32_t slotCount = 0, slotsUsed = 0; /* slots past slotsUsed were never taken */
+    std::unique_ptr<uint32_t[], Calloced> heads; /* slot + 1, 0 = empty chain */
+    uint32_t headCount = 0;                      /* a power of two */
+    uint32_t freeList = 0;                       /* slot + 1 */
     bool warnedFull = false;
 };
 HwState g_hw;
@@ -455,15 +463,18 @@ int linux_hw_state_open(const char *path, uint32_t bindings)
         fprintf(stderr, "dhcpsnoopd: hardware state %s: %s\n", path, strerror(errno));
         return -1;
     }
-    uint32_t count = bindings + HW_SPARE_SLOTS;
-    g_hw.slots.assign(count, HwSlot{});
-    for (uint32_t i = 0; i < count; i++)
-        g_hw.slots[i].next = i + 1 < count ? i + 2 : 0;
-    g_hw.freeList = 1;
-    uint32_t buckets = 64;
-    while (buckets < count / 2)
-        buckets <<= 1;
-    g_hw.heads.assign(buckets, 0);
+    g_hw.slotCount = bindings + HW_SPARE_SLOTS;
+    g_hw.headCount = 64;
+    while (g_hw.headCount < g_hw.slotCount / 2)
+        g_hw.headCount <<= 1;
+    g_hw.slots.reset(static_cast<HwSlot *>(calloc(g_hw.slotCount, sizeof(HwSlot))));
+    g_hw.heads.reset(static_cast<uint32_t *>(calloc(g_hw.headCount, sizeof(uint32_t))));
+    if (!g_hw.slots || !g_hw.heads) {
+        fprintf(stderr, "dhcpsnoopd: no memory for the hardware state\n");
+        close(g_hw.fd);
+        g_hw = HwState();
+        return -1;
+    }
     hw_write_line(0, "# port ip mac vlan rules (ipsg, dai); fixed-width lines, blank = free");
     return 0;
 }
@@ -474,7 +485,7 @@ void linux_hw_state_update(uint32_t ifIndex, uint32_t op, const uint8_t *rec)
         return;
     uint8_t ipType = rec[36] & 3;
     uint32_t kind = hw_kind(rec[37]);
-    uint32_t &head = g_hw.heads[hw_hash(ifIndex, ipType, rec + 16) & (g_hw.heads.size() - 1)];
+    uint32_t &head = g_hw.heads[hw_hash(ifIndex, ipType, rec + 16) & (g_hw.headCount - 1)];
     uint32_t prev = 0, at = head; /* slot + 1 */
     while (at) {
         const HwSlot &s = g_hw.slots[at - 1];
@@ -485,16 +496,19 @@ void linux_hw_state_update(uint32_t ifIndex, uint32_t op, const uint8_t *rec)
     }
     if (op == HW_OP_ADD) {
         if (!at) {
-            if (!g_hw.freeList) {
+            if (g_hw.freeList) {
+                at = g_hw.freeList;
+                g_hw.freeList = g_hw.slots[at - 1].next;
+            } else if (g_hw.slotsUsed < g_hw.slotCount) {
+                at = ++g_hw.slotsUsed;
+            } else {
                 if (!g_hw.warnedFull)
-                    fprintf(stderr, "dhcpsnoopd: hardware state file full; records beyond %zu "
-                                    "slots are not written\n", g_hw.slots.size());
+                    fprintf(stderr, "dhcpsnoopd: hardware state file full; records beyond %u "
+                                    "addresses are not written\n", g_hw.slotCount);
                 g_hw.warnedFull = true;
                 return;
             }
-            at = g_hw.freeList;
             HwSlot &s = g_hw.slots[at - 1];
-            g_hw.freeList = s.next;
             memcpy(s.addr, rec + 16, 16);
             s.ifIndex = ifIndex;
             s.ipType = ipType;
