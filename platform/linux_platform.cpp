@@ -180,8 +180,8 @@ void hw_write_line(uint32_t line, const char *text)
 {
     char buf[HW_LINE];
     memset(buf, ' ', sizeof buf);
-    size_t n = text ? std::min(strlen(text), HW_LINE - 1) : 0;
-    memcpy(buf, text, n);
+    if (text)
+        memcpy(buf, text, std::min(strlen(text), HW_LINE - 1));
     buf[HW_LINE - 1] = '\n';
     if (pwrite(g_hw.fd, buf, sizeof buf, off_t(line) * off_t(HW_LINE)) != ssize_t(sizeof buf))
         fprintf(stderr, "dhcpsnoopd: hardware state: %s\n", strerror(errno));
