@@ -18,8 +18,9 @@
 # (daemon or forwarder) and Kea used per exchange, then snoop and fwd as
 # ratios to the bridge (rate, delay) and snoop to fwd (CPU).  Needs root;
 # every packet stays inside the namespaces made here.
-set -euo pipefail
-cd "$(dirname "$0")/.."
+# No errexit: the shared clean-up (an EXIT trap) must run to its end.
+set -u
+cd "$(dirname "$0")/.." || exit 1
 # shellcheck source=scripts/netns-lib.sh
 . scripts/netns-lib.sh
 
@@ -33,8 +34,9 @@ NL_QUIET=1
 nl_need_packages cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev iproute2 nftables ethtool \
   kea-admin kea-dhcp4-server kea-dhcp6-server
 if [ ! -x build/bench/bench_forwarder ] || [ ! -x "${DHCPSNOOPD:-build/dhcpsnoopd}" ]; then
-  cmake -S . -B build -DDHCPSNOOP_BENCH=ON >/dev/null
-  cmake --build build -j2 --target dhcpsnoopd dhcpsnoopctl bench_forwarder >/dev/null
+  { cmake -S . -B build -DDHCPSNOOP_BENCH=ON >/dev/null &&
+    cmake --build build -j2 --target dhcpsnoopd dhcpsnoopctl bench_forwarder >/dev/null; } ||
+    nl_die "the build failed"
 fi
 FORWARDER=$NL_ROOT/build/bench/bench_forwarder
 nl_init dora
@@ -83,11 +85,11 @@ lab() {
   in_ns "$m-cl" ip addr add 10.0.0.2/16 dev eth0 # perfdhcp sends from an address
   # complete checksums at the sender: the minimal forwarder does not finish
   # them for the receiving stack (the daemon would)
-  in_ns "$m-cl" ethtool -K eth0 tx off >/dev/null
-  in_ns "$m-srv" ethtool -K eth0 tx off >/dev/null
+  in_ns "$m-cl" ethtool -K eth0 tx off >/dev/null || nl_die "ethtool failed"
+  in_ns "$m-srv" ethtool -K eth0 tx off >/dev/null || nl_die "ethtool failed"
   case $m in
     fwd)
-      in_ns fwd-sw nft -f - <<'EOF'
+      in_ns fwd-sw nft -f - <<'EOF' || nl_die "nft refused the forwarder's trap"
 table netdev benchtrap {
   chain c { type filter hook ingress device "swc" priority -500; udp dport { 67, 68, 546, 547 } drop; }
   chain s { type filter hook ingress device "sws" priority -500; udp dport { 67, 68, 546, 547 } drop; }
@@ -153,8 +155,8 @@ for fam in $FAMILIES; do
       { n[$1]++; r[$1] += $2; d[$1] += $3; l[$1] += $4; s[$1] += $5; k[$1] += $6 }
       END {
         printf "  %-7s %10s %7s %10s %12s %12s\n", "mode", "done/s", "drops", "delay ms", "switch us/ex", "kea us/ex"
-        split(modes, ms, " ")
-        for (i in ms) { m = ms[i]; if (!n[m]) continue
+        nm = split(modes, ms, " ")
+        for (i = 1; i <= nm; i++) { m = ms[i]; if (!n[m]) continue
           printf "  %-7s %10.1f %7.1f %10.3f %12.1f %12.1f\n", m, r[m]/n[m], d[m]/n[m], l[m]/n[m], s[m]/n[m], k[m]/n[m] }
         if (n["bridge"] && n["snoop"]) {
           printf "  snoop/bridge: rate %.3f, delay %.2f, drops %+.1f\n", r["snoop"]/r["bridge"], \

@@ -13,8 +13,9 @@
 # The table is filled with bench_fill (build/bench/), which runs the same
 # `dhcpsnoopctl binding add` commands in one process.  Needs root; builds
 # build/ with the benchmarks when they are missing.
-set -euo pipefail
-cd "$(dirname "$0")/.."
+# No errexit: the shared clean-up (an EXIT trap) must run to its end.
+set -u
+cd "$(dirname "$0")/.." || exit 1
 # shellcheck source=scripts/netns-lib.sh
 . scripts/netns-lib.sh
 
@@ -25,8 +26,9 @@ NL_QUIET=1
 
 nl_need_packages cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev iproute2
 if [ ! -x build/bench/bench_fill ] || [ ! -x build/dhcpsnoopd ] || [ ! -x build/dhcpsnoopctl ]; then
-  cmake -S . -B build -DDHCPSNOOP_BENCH=ON >/dev/null
-  cmake --build build -j2 --target dhcpsnoopd dhcpsnoopctl bench_fill >/dev/null
+  { cmake -S . -B build -DDHCPSNOOP_BENCH=ON >/dev/null &&
+    cmake --build build -j2 --target dhcpsnoopd dhcpsnoopctl bench_fill >/dev/null; } ||
+    nl_die "the build failed"
 fi
 FILL=$NL_ROOT/build/bench/bench_fill
 
@@ -39,8 +41,8 @@ conf=("port swp1 pvid 10" "hostname bench" "hardware-state $NL_TMP/hardware" "tr
 ds_config "$NL_TMP/dhcpsnoop.conf" "${conf[@]}"
 ds_start sw "$NL_TMP/dhcpsnoop.conf" "$SOCK" "$NL_TMP/daemon.log" 8 "$COUNT" "$HW" 0 0 >/dev/null ||
   nl_die "the daemon did not start"
-ctl_in sw "$SOCK" global enable on >/dev/null
-ctl_in sw "$SOCK" interface swp1 enable on >/dev/null
+ctl_in sw "$SOCK" global enable on >/dev/null || nl_die "global enable failed"
+ctl_in sw "$SOCK" interface swp1 enable on >/dev/null || nl_die "interface enable failed"
 
 rss_kib() { awk '/^VmRSS/ {print $2}' "/proc/$DS_PID/status"; }
 now() { date +%s.%N; }
@@ -71,3 +73,4 @@ nl_say "daemon RSS with $COUNT bindings: $rss1 KiB (+$((rss1 - rss0)) KiB since 
 if [ "$HW" = 1 ]; then
   nl_say "hardware state file: $(wc -l <"$NL_TMP/hardware") lines, $(wc -c <"$NL_TMP/hardware") bytes"
 fi
+exit 0
