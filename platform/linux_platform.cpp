@@ -24,6 +24,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "dhcpsnoop.h"
@@ -36,7 +37,6 @@ namespace {
 
 LinuxConfig g_config;
 std::map<uint32_t, uint16_t> g_pvid;
-std::map<std::string, std::array<uint8_t, 44>> g_hardware;
 
 /* Every item, empty ones included: "10,,20" has an empty item. */
 std::vector<std::string> split(const std::string &s, char sep)
@@ -262,61 +262,89 @@ int host_trap(uint32_t ifIndex, uint32_t cmd, uint32_t word)
     return 0;
 }
 
-std::string record_key(uint32_t ifIndex, const uint8_t *rec)
+/* ---- the hardware state file ----
+ *
+ * Every record handed to "hardware" is one line of the state file, updated in
+ * place: the lines have a fixed width, so a change is one write at a known
+ * offset whatever the number of bindings.  A binding's address on a port owns
+ * a slot of three lines, one per rule kind (IP source guard, ARP inspection,
+ * neither); a line not in use is blank.  The slots and their hash chains are
+ * allocated once, from the binding pool's size. */
+
+constexpr size_t HW_LINE = 96;           /* bytes per line, newline included */
+constexpr uint32_t HW_KINDS = 3;         /* lines per slot */
+constexpr uint32_t HW_SPARE_SLOTS = 64;  /* a binding may move before its old record goes */
+constexpr uint32_t HW_OP_ADD = 0x3E800DF;
+
+struct HwSlot {
+    uint8_t addr[16];
+    uint32_t ifIndex;
+    uint32_t next : 24; /* next slot + 1 in the hash chain or the free list; 0 ends it */
+    uint32_t ipType : 2;
+    uint32_t kinds : 3; /* which of the slot's lines are in use */
+};
+static_assert(sizeof(HwSlot) == 24, "a hardware state slot is 24 bytes");
+
+/* Allocated zeroed and never written ahead of use, so the pages a slot sits
+ * on count toward the daemon's memory only once a binding reaches it. */
+struct Calloced {
+    void operator()(void *p) const { free(p); }
+};
+struct HwState {
+    int fd = -1;
+    std::unique_ptr<HwSlot[], Calloced> slots;
+    uint32_t slotCount = 0, slotsUsed = 0; /* slots past slotsUsed were never taken */
+    std::unique_ptr<uint32_t[], Calloced> heads; /* slot + 1, 0 = empty chain */
+    uint32_t headCount = 0;                      /* a power of two */
+    uint32_t freeList = 0;                       /* slot + 1 */
+    bool warnedFull = false;
+};
+HwState g_hw;
+
+uint32_t hw_kind(uint8_t ruleFlags) { return ruleFlags & 0x80 ? 0 : ruleFlags & 0x40 ? 1 : 2; }
+
+uint32_t hw_hash(uint32_t ifIndex, uint8_t ipType, const uint8_t *addr)
 {
-    char buf[128];
-    snprintf(buf, sizeof buf, "%u/%02x/%02x", ifIndex, rec[36], rec[37]);
-    std::string k = buf;
-    for (int i = 16; i < 32; i++) {
-        snprintf(buf, sizeof buf, "%02x", rec[i]);
-        k += buf;
-    }
-    return k;
+    uint32_t h = 2166136261u ^ ifIndex ^ (uint32_t(ipType) << 24);
+    for (int i = 0; i < 16; i++)
+        h = (h ^ addr[i]) * 16777619u;
+    return h ^ (h >> 15);
 }
 
-void write_hardware_state()
+void hw_write_line(uint32_t line, const char *text)
 {
-    const std::string &path = g_config.hardwareState;
-    if (path.empty())
-        return;
-    std::string dir = path.substr(0, path.find_last_of('/'));
-    if (!dir.empty())
-        mkdir(dir.c_str(), 0755);
-    std::string tmp = path + ".tmp";
-    FILE *f = fopen(tmp.c_str(), "w");
-    if (!f)
-        return;
-    fprintf(f, "# port ip mac vlan rules (ipsg, dai)\n");
-    for (auto &[key, r] : g_hardware) {
-        uint32_t ifIndex = uint32_t(strtoul(key.c_str(), nullptr, 10));
-        char ip[INET6_ADDRSTRLEN] = "-";
-        if (r[39] == 0x20)
-            inet_ntop(AF_INET, &r[16], ip, sizeof ip);
-        else if (r[39] == 0x80)
-            inet_ntop(AF_INET6, &r[16], ip, sizeof ip);
-        char name[IF_NAMESIZE] = {0};
-        if (!if_indextoname(ifIndex, name))
-            snprintf(name, sizeof name, "%u", ifIndex);
-        uint16_t vid;
-        memcpy(&vid, &r[6], 2);
-        fprintf(f, "%s %s %02x:%02x:%02x:%02x:%02x:%02x %u %s%s\n", name, ip, r[0], r[1], r[2],
-                r[3], r[4], r[5], vid, (r[37] & 0x80) ? "ipsg" : "", (r[37] & 0x40) ? " dai" : "");
-    }
-    fclose(f);
-    rename(tmp.c_str(), path.c_str());
+    char buf[HW_LINE];
+    memset(buf, ' ', sizeof buf);
+    if (text)
+        memcpy(buf, text, std::min(strlen(text), HW_LINE - 1));
+    buf[HW_LINE - 1] = '\n';
+    if (pwrite(g_hw.fd, buf, sizeof buf, off_t(line) * off_t(HW_LINE)) != ssize_t(sizeof buf))
+        fprintf(stderr, "dhcpsnoopd: hardware state: %s\n", strerror(errno));
+}
+
+/* The line of a record: port ip mac vlan rules. */
+void hw_format(uint32_t ifIndex, const uint8_t *r, char *out, size_t size)
+{
+    char ip[INET6_ADDRSTRLEN] = "-";
+    if (r[39] == 0x20)
+        inet_ntop(AF_INET, &r[16], ip, sizeof ip);
+    else if (r[39] == 0x80)
+        inet_ntop(AF_INET6, &r[16], ip, sizeof ip);
+    char name[IF_NAMESIZE] = {0};
+    auto port = sim_model().ports.find(ifIndex);
+    if (port != sim_model().ports.end() && !port->second.name.empty())
+        snprintf(name, sizeof name, "%s", port->second.name.c_str());
+    else
+        snprintf(name, sizeof name, "%u", ifIndex);
+    uint16_t vid;
+    memcpy(&vid, &r[6], 2);
+    snprintf(out, size, "%s %s %02x:%02x:%02x:%02x:%02x:%02x %u %s%s", name, ip, r[0], r[1], r[2],
+             r[3], r[4], r[5], vid, (r[37] & 0x80) ? "ipsg" : "", (r[37] & 0x40) ? " dai" : "");
 }
 
 void host_hardware(uint32_t ifIndex, uint32_t op, const uint8_t *rec)
 {
-    std::string key = record_key(ifIndex, rec);
-    if (op == 0x3E800DF) {
-        std::array<uint8_t, 44> copy;
-        memcpy(copy.data(), rec, 44);
-        g_hardware[key] = copy;
-    } else {
-        g_hardware.erase(key);
-    }
-    write_hardware_state();
+    linux_hw_state_update(ifIndex, op, rec);
 }
 
 void host_log(const std::string &line)
@@ -616,8 +644,6 @@ int linux_platform_init(void)
     m.onHwUser = host_hardware;
     m.onLog = host_log;
     m.onScalarSync = peer_transport;
-    write_hardware_state();
-
     g_ops = *linux_sys_ops();
     g_inner = linux_sys_ops();
     g_ops.bind = guarded_bind;
@@ -637,7 +663,7 @@ int linux_platform_init(void)
     return 0;
 }
 
-void linux_platform_started(void)
+int linux_platform_started(void)
 {
     const uint32_t pool = gDhcpsnoop.userMax;
     for (auto &p : g_config.ports) {
@@ -648,8 +674,107 @@ void linux_platform_started(void)
         it->second.maxUsers = std::min(share, pool);
     }
     gDhcpsnoop.bindingGuard = g_config.bindingGuard ? 1 : 0;
+    return linux_hw_state_open(g_config.hardwareState.c_str(), pool);
 }
 
 bool linux_stop_requested(void) { return g_stop != 0; }
 
 bool linux_socket_in_use(void) { return g_socketInUse; }
+
+int linux_hw_state_open(const char *path, uint32_t bindings)
+{
+    if (g_hw.fd >= 0)
+        close(g_hw.fd);
+    g_hw = HwState();
+    if (!path || !*path)
+        return 0;
+    std::string dir(path);
+    dir = dir.substr(0, dir.find_last_of('/'));
+    if (!dir.empty() && dir != path)
+        mkdir(dir.c_str(), 0755);
+    g_hw.fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (g_hw.fd < 0) {
+        fprintf(stderr, "dhcpsnoopd: hardware state %s: %s\n", path, strerror(errno));
+        return -1;
+    }
+    g_hw.slotCount = bindings + HW_SPARE_SLOTS;
+    g_hw.headCount = 64;
+    while (g_hw.headCount < g_hw.slotCount / 2)
+        g_hw.headCount <<= 1;
+    g_hw.slots.reset(static_cast<HwSlot *>(calloc(g_hw.slotCount, sizeof(HwSlot))));
+    g_hw.heads.reset(static_cast<uint32_t *>(calloc(g_hw.headCount, sizeof(uint32_t))));
+    if (!g_hw.slots || !g_hw.heads) {
+        fprintf(stderr, "dhcpsnoopd: no memory for the hardware state\n");
+        close(g_hw.fd);
+        g_hw = HwState();
+        return -1;
+    }
+    hw_write_line(0, "# port ip mac vlan rules (ipsg, dai); fixed-width lines, blank = free");
+    return 0;
+}
+
+void linux_hw_state_update(uint32_t ifIndex, uint32_t op, const uint8_t *rec)
+{
+    if (g_hw.fd < 0 || !rec)
+        return;
+    uint8_t ipType = rec[36] & 3;
+    uint32_t kind = hw_kind(rec[37]);
+    uint32_t &head = g_hw.heads[hw_hash(ifIndex, ipType, rec + 16) & (g_hw.headCount - 1)];
+    uint32_t prev = 0, at = head; /* slot + 1 */
+    while (at) {
+        const HwSlot &s = g_hw.slots[at - 1];
+        if (s.ifIndex == ifIndex && s.ipType == ipType && memcmp(s.addr, rec + 16, 16) == 0)
+            break;
+        prev = at;
+        at = s.next;
+    }
+    if (op == HW_OP_ADD) {
+        if (!at) {
+            if (g_hw.freeList) {
+                at = g_hw.freeList;
+                g_hw.freeList = g_hw.slots[at - 1].next;
+            } else if (g_hw.slotsUsed < g_hw.slotCount) {
+                at = ++g_hw.slotsUsed;
+            } else {
+                if (!g_hw.warnedFull)
+                    fprintf(stderr, "dhcpsnoopd: hardware state file full; records beyond %u "
+                                    "addresses are not written\n", g_hw.slotCount);
+                g_hw.warnedFull = true;
+                return;
+            }
+            HwSlot &s = g_hw.slots[at - 1];
+            memcpy(s.addr, rec + 16, 16);
+            s.ifIndex = ifIndex;
+            s.ipType = ipType;
+            s.kinds = 0;
+            s.next = head;
+            head = at;
+        }
+        HwSlot &s = g_hw.slots[at - 1];
+        uint32_t first = 1 + (at - 1) * HW_KINDS;
+        if (!s.kinds) /* the slot's other lines are blank, never holes */
+            for (uint32_t k = 0; k < HW_KINDS; k++)
+                if (k != kind)
+                    hw_write_line(first + k, nullptr);
+        char text[HW_LINE];
+        hw_format(ifIndex, rec, text, sizeof text);
+        hw_write_line(first + kind, text);
+        s.kinds = s.kinds | (1u << kind);
+        return;
+    }
+    if (!at || !(g_hw.slots[at - 1].kinds & (1u << kind)))
+        return;
+    HwSlot &s = g_hw.slots[at - 1];
+    hw_write_line(1 + (at - 1) * HW_KINDS + kind, nullptr);
+    s.kinds = s.kinds & ~(1u << kind);
+    if (s.kinds)
+        return;
+    /* the slot's last line went: unchain it and reuse it first */
+    if (prev)
+        g_hw.slots[prev - 1].next = s.next;
+    else
+        head = s.next;
+    s.next = g_hw.freeList;
+    g_hw.freeList = at;
+}
+

@@ -71,15 +71,24 @@ int linux_platform_init(void);
 int linux_args_check(int argc, char **argv, std::string &error);
 
 /* After the daemon's start-up: each port's user limit (its max-users, else an
- * eighth of the binding pool, never more than the pool) and the binding
- * guard from the configuration. */
-void linux_platform_started(void);
+ * eighth of the binding pool, never more than the pool), the binding guard
+ * from the configuration, and the hardware state file opened with room for
+ * the binding pool's records.  Returns 0, or -1 when the file cannot be made. */
+int linux_platform_started(void);
 
 /* SIGTERM or SIGINT has asked the daemon to stop. */
 bool linux_stop_requested(void);
 
 /* A daemon already serves the command socket (start-up then fails). */
 bool linux_socket_in_use(void);
+
+/* The hardware state file: one fixed-width line per record handed to
+ * hardware, updated in place (see dist/dhcpsnoop.conf.example).  Opening it
+ * (an empty path: no file) truncates it and allocates the slots for
+ * `bindings` addresses once; an update is the platform's hardware callback
+ * (op 0x3E800DF adds or replaces a record, anything else removes it). */
+int linux_hw_state_open(const char *path, uint32_t bindings);
+void linux_hw_state_update(uint32_t ifIndex, uint32_t op, const uint8_t *rec);
 
 /* The PVID of a port of the model (1 when unknown). */
 uint16_t linux_port_pvid(uint32_t ifIndex);

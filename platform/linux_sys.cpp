@@ -17,6 +17,7 @@
 #include <linux/if_packet.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -183,28 +184,179 @@ void put_packet_info(struct msghdr *msg, const LinuxRxInfo &info)
     msg->msg_controllen = CMSG_SPACE(sizeof payload);
 }
 
+/* Every frame queued on a data socket is read in one call per wake-up and
+ * handed to the daemon one by one; select reports the socket readable while
+ * frames it has not taken are left. */
+constexpr int RX_BATCH = 32;
+constexpr size_t RX_CONTROL = 256;
+
+struct RxBatch {
+    int fd = -1;
+    int count = 0, next = 0;
+    uint8_t frame[RX_BATCH][DHCPSNOOP_FRAME_MAX + 4];
+    alignas(struct cmsghdr) uint8_t control[RX_BATCH][RX_CONTROL];
+    struct sockaddr_ll ll[RX_BATCH];
+    struct iovec iov[RX_BATCH];
+    struct mmsghdr msgs[RX_BATCH];
+};
+RxBatch rxBatch[2]; /* one per family */
+
+RxBatch &batch_of(int fd)
+{
+    RxBatch &b = rxBatch[family_of(fd) == Family::V4 ? 0 : 1];
+    if (b.fd != fd) {
+        b.fd = fd;
+        b.count = b.next = 0;
+    }
+    return b;
+}
+
+bool batch_pending(int fd)
+{
+    if (family_of(fd) == Family::None)
+        return false;
+    const RxBatch &b = rxBatch[family_of(fd) == Family::V4 ? 0 : 1];
+    return b.fd == fd && b.next < b.count;
+}
+
+/* Frames the daemon sends on the data sockets wait here and leave in one
+ * call when the loop is about to wait, or when the queue is full. */
+constexpr int TX_BATCH = 32;
+struct TxQueue {
+    int count = 0;
+    int fd[TX_BATCH];
+    uint8_t frame[TX_BATCH][DHCPSNOOP_FRAME_MAX + 4];
+    struct sockaddr_ll addr[TX_BATCH];
+    struct iovec iov[TX_BATCH];
+    struct mmsghdr msgs[TX_BATCH];
+};
+TxQueue txQueue;
+
+void flush_sends()
+{
+    TxQueue &q = txQueue;
+    int at = 0;
+    while (at < q.count) {
+        int run = 1;
+        while (at + run < q.count && q.fd[at + run] == q.fd[at])
+            run++;
+        int r = sendmmsg(q.fd[at], q.msgs + at, unsigned(run), 0);
+        if (r <= 0) {
+            /* that frame is lost, as a failed send of one frame would be */
+            fprintf(stderr, "dhcpsnoopd: a frame to interface %d was not sent: %s\n",
+                    q.addr[at].sll_ifindex, strerror(errno));
+            r = 1;
+        }
+        at += r;
+    }
+    q.count = 0;
+}
+
+ssize_t l_sendto(int fd, const void *buf, size_t len, int flags, const struct sockaddr *addr,
+                 socklen_t alen)
+{
+    if (family_of(fd) == Family::None || len > DHCPSNOOP_FRAME_MAX + 4 || !addr ||
+        alen > sizeof(struct sockaddr_ll) || flags != 0)
+        return sendto(fd, buf, len, flags, addr, alen);
+    TxQueue &q = txQueue;
+    if (q.count == TX_BATCH)
+        flush_sends();
+    int i = q.count++;
+    q.fd[i] = fd;
+    memcpy(q.frame[i], buf, len);
+    memset(&q.addr[i], 0, sizeof q.addr[i]);
+    memcpy(&q.addr[i], addr, alen);
+    q.iov[i] = {q.frame[i], len};
+    memset(&q.msgs[i], 0, sizeof q.msgs[i]);
+    q.msgs[i].msg_hdr.msg_name = &q.addr[i];
+    q.msgs[i].msg_hdr.msg_namelen = alen;
+    q.msgs[i].msg_hdr.msg_iov = &q.iov[i];
+    q.msgs[i].msg_hdr.msg_iovlen = 1;
+    return ssize_t(len);
+}
+
+int l_select(int nfds, fd_set *rd, fd_set *wr, fd_set *ex, struct timeval *timeout)
+{
+    int pending = 0;
+    fd_set ready;
+    FD_ZERO(&ready);
+    for (const RxBatch &b : rxBatch)
+        if (rd && b.fd >= 0 && b.fd < nfds && FD_ISSET(b.fd, rd) && batch_pending(b.fd)) {
+            FD_SET(b.fd, &ready);
+            pending++;
+        }
+    if (!pending) {
+        flush_sends();
+        return select(nfds, rd, wr, ex, timeout);
+    }
+    /* frames already read: no need to ask the kernel or to wait */
+    *rd = ready;
+    if (wr)
+        FD_ZERO(wr);
+    if (ex)
+        FD_ZERO(ex);
+    return pending;
+}
+
+int l_close(int fd)
+{
+    if (family_of(fd) != Family::None) {
+        flush_sends();
+        batch_of(fd).fd = -1;
+        dataFamily[fd] = Family::None;
+    }
+    if (fd >= 0 && fd < MAX_FD)
+        netlinkFd[fd] = false;
+    return close(fd);
+}
+
+/* Read what the kernel holds for a data socket into its batch; only a read
+ * that select announced may wait for the first frame. */
+int fill_batch(RxBatch &b, int flags, bool mayWait)
+{
+    for (int i = 0; i < RX_BATCH; i++) {
+        b.iov[i] = {b.frame[i], DHCPSNOOP_FRAME_MAX};
+        memset(&b.msgs[i], 0, sizeof b.msgs[i]);
+        struct msghdr &m = b.msgs[i].msg_hdr;
+        memset(&b.ll[i], 0, sizeof b.ll[i]);
+        m.msg_name = &b.ll[i];
+        m.msg_namelen = sizeof b.ll[i];
+        m.msg_iov = &b.iov[i];
+        m.msg_iovlen = 1;
+        m.msg_control = b.control[i];
+        m.msg_controllen = RX_CONTROL;
+    }
+    if (mayWait)
+        flush_sends();
+    b.count = b.next = 0;
+    int n = recvmmsg(b.fd, b.msgs, RX_BATCH, flags | (mayWait ? MSG_WAITFORONE : MSG_DONTWAIT),
+                     nullptr);
+    if (n > 0)
+        b.count = n;
+    return n;
+}
+
 ssize_t l_recvmsg(int fd, struct msghdr *msg, int flags)
 {
     if (family_of(fd) == Family::None)
         return recvmsg(fd, msg, flags);
-    for (int i = 0; i < MAX_SKIPPED; i++) {
-        uint8_t frame[DHCPSNOOP_FRAME_MAX + 4];
-        alignas(struct cmsghdr) uint8_t control[256];
-        struct sockaddr_ll ll;
-        struct iovec iov = {frame, DHCPSNOOP_FRAME_MAX};
-        struct msghdr m;
-        memset(&m, 0, sizeof m);
-        memset(&ll, 0, sizeof ll);
-        m.msg_name = &ll;
-        m.msg_namelen = sizeof ll;
-        m.msg_iov = &iov;
-        m.msg_iovlen = 1;
-        m.msg_control = control;
-        m.msg_controllen = sizeof control;
-        /* only the first read may wait: select said a frame is there */
-        ssize_t n = recvmsg(fd, &m, flags | (i ? MSG_DONTWAIT : 0));
+    RxBatch &b = batch_of(fd);
+    bool mayWait = b.next >= b.count;
+    for (int skipped = 0; skipped < MAX_SKIPPED;) {
+        if (b.next >= b.count) {
+            int n = fill_batch(b, flags, mayWait);
+            mayWait = false;
+            if (n <= 0)
+                return n;
+        }
+        int at = b.next++;
+        ssize_t n = ssize_t(b.msgs[at].msg_len);
         if (n <= 0)
             return n;
+        uint8_t *frame = b.frame[at];
+        struct msghdr &m = b.msgs[at].msg_hdr;
+        const struct sockaddr_ll &ll = b.ll[at];
+        skipped++;
         if (ll.sll_pkttype == PACKET_OUTGOING)
             continue; /* our own transmissions, and the host's */
         uint32_t ingress = uint32_t(ll.sll_ifindex);
@@ -227,9 +379,9 @@ ssize_t l_recvmsg(int fd, struct msghdr *msg, int flags)
         }
         uint16_t portTpid = port->second.tpid ? port->second.tpid : 0x8100;
         LinuxRxInfo info;
-        uint32_t len = linux_adapt_frame(frame, uint32_t(n), sizeof frame, vlanValid, tci, tpid,
-                                         csumNotReady, ingress, linux_port_pvid(ingress), portTpid,
-                                         info);
+        uint32_t len = linux_adapt_frame(frame, uint32_t(n), sizeof b.frame[at], vlanValid, tci,
+                                         tpid, csumNotReady, ingress, linux_port_pvid(ingress),
+                                         portTpid, info);
         size_t room = msg->msg_iovlen ? msg->msg_iov[0].iov_len : 0;
         len = uint32_t(std::min<size_t>(len, room));
         memcpy(msg->msg_iov[0].iov_base, frame, len);
@@ -258,8 +410,8 @@ time_t l_time(time_t *t) { return time(t); }
 double l_difftime(time_t a, time_t b) { return difftime(a, b); }
 
 const DhcpsnoopSysOps linux_ops = {
-    l_socket, l_setsockopt, l_bind,   listen,     accept, l_unlink, close,
-    l_ioctl,  select,       l_recvmsg, l_recvfrom, recv,  sendto,   sendmsg,
+    l_socket, l_setsockopt, l_bind,    listen,     accept, l_unlink, l_close,
+    l_ioctl,  l_select,     l_recvmsg, l_recvfrom, recv,   l_sendto, sendmsg,
     l_time,   l_difftime,   calloc,   free,
 };
 

@@ -1,15 +1,26 @@
 /* The Linux platform: its configuration, and how frames and link events of a
  * stock kernel are turned into what the daemon expects. */
+#include <arpa/inet.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
+#include <fstream>
 
 #include <gtest/gtest.h>
 
 #include "frame6_helpers.h"
 #include "frame_helpers.h"
 #include "linux_platform.h"
+#include "switch_model.h"
 
 TEST(LinuxConfig, ReadsEveryStatement)
 {
@@ -260,4 +271,131 @@ TEST(LinuxNetlink, StockLinkAttributesNeverLookLikeAggregationEvents)
     memcpy(&c[0], &tooLong, 4);
     linux_filter_netlink(c.data(), c.size());
     linux_filter_netlink(c.data(), 10);
+}
+
+namespace {
+/* A hardware record as the binding code builds it: IPv4 `last` in
+ * 192.0.2.0/24, MAC ending in `last`, VLAN 10, the rule kind's flags. */
+std::array<uint8_t, 44> hw_record(uint8_t last, uint8_t ruleFlags)
+{
+    std::array<uint8_t, 44> r{};
+    r = {0x02, 0, 0, 0, 0, last};
+    uint16_t vid = 10;
+    memcpy(&r[6], &vid, 2);
+    r[16] = 192, r[17] = 0, r[18] = 2, r[19] = last;
+    r[36] = 1, r[37] = ruleFlags, r[39] = 0x20;
+    return r;
+}
+
+std::vector<std::string> state_lines(const std::string &path)
+{
+    std::ifstream in(path);
+    std::vector<std::string> out;
+    for (std::string l; std::getline(in, l);) {
+        EXPECT_EQ(l.size() + 1, 96u) << l;
+        l.erase(l.find_last_not_of(' ') + 1);
+        if (!l.empty() && l[0] != '#')
+            out.push_back(l);
+    }
+    return out;
+}
+} // namespace
+
+TEST(LinuxHardwareState, OneLinePerRecordUpdatedInPlaceAndSlotsReused)
+{
+    std::string path = testing::TempDir() + "dhcpsnoop-hw-state";
+    ASSERT_EQ(linux_hw_state_open(path.c_str(), 2), 0);
+    const uint32_t ADD = 0x3E800DF, DEL = 0x3E800E0;
+    for (uint8_t b : {5, 6, 7})
+        linux_hw_state_update(9, ADD, hw_record(b, 0x80).data());
+    linux_hw_state_update(9, ADD, hw_record(6, 0x40).data()); /* a second rule, same address */
+    linux_hw_state_update(9, ADD, hw_record(6, 0x40).data()); /* replaced, not repeated */
+    EXPECT_EQ(state_lines(path), (std::vector<std::string>{
+                                     "9 192.0.2.5 02:00:00:00:00:05 10 ipsg",
+                                     "9 192.0.2.6 02:00:00:00:00:06 10 ipsg",
+                                     "9 192.0.2.6 02:00:00:00:00:06 10  dai",
+                                     "9 192.0.2.7 02:00:00:00:00:07 10 ipsg"}));
+    auto size = [&] { return std::ifstream(path, std::ios::ate).tellg(); };
+    auto before = size();
+    linux_hw_state_update(9, DEL, hw_record(5, 0x80).data());
+    linux_hw_state_update(9, DEL, hw_record(5, 0x80).data()); /* gone already */
+    linux_hw_state_update(3, DEL, hw_record(6, 0x80).data()); /* another port's */
+    linux_hw_state_update(9, ADD, hw_record(8, 0x80).data()); /* takes the freed slot */
+    EXPECT_EQ(size(), before);
+    EXPECT_EQ(state_lines(path), (std::vector<std::string>{
+                                     "9 192.0.2.8 02:00:00:00:00:08 10 ipsg",
+                                     "9 192.0.2.6 02:00:00:00:00:06 10 ipsg",
+                                     "9 192.0.2.6 02:00:00:00:00:06 10  dai",
+                                     "9 192.0.2.7 02:00:00:00:00:07 10 ipsg"}));
+    /* every slot taken: further addresses are left out, nothing else changes */
+    for (int b = 20; b < 200; b++)
+        linux_hw_state_update(9, ADD, hw_record(uint8_t(b), 0x80).data());
+    linux_hw_state_update(9, DEL, hw_record(6, 0x80).data());
+    linux_hw_state_update(9, DEL, hw_record(6, 0x40).data());
+    EXPECT_EQ(state_lines(path).size(), 2u + 64u - 1u);
+    linux_hw_state_update(9, ADD, hw_record(250, 0x80).data()); /* room again */
+    std::vector<std::string> lines = state_lines(path);
+    EXPECT_EQ(lines.size(), 2u + 64u);
+    EXPECT_EQ(lines[1], "9 192.0.2.250 02:00:00:00:00:fa 10 ipsg");
+    linux_hw_state_open("", 0);
+}
+
+/* Frames on a real packet socket, in a network namespace of the test's own
+ * (needs root; skipped otherwise): loopback is the switch's only port. */
+TEST(LinuxBatch, QueuedFramesComeOneByOneInOrderAndSelectSeesTheRest)
+{
+    if (unshare(CLONE_NEWNET) != 0)
+        GTEST_SKIP() << "no network namespace of our own (not root)";
+    int ctl = socket(AF_INET, SOCK_DGRAM, 0);
+    struct ifreq ifr {};
+    strcpy(ifr.ifr_name, "lo");
+    ioctl(ctl, SIOCGIFFLAGS, &ifr);
+    ifr.ifr_flags |= IFF_UP;
+    ASSERT_EQ(ioctl(ctl, SIOCSIFFLAGS, &ifr), 0);
+    close(ctl);
+    sim_model().reset();
+    sim_model().addPort(if_nametoindex("lo"), "lo");
+
+    const DhcpsnoopSysOps *sys = linux_sys_ops();
+    int fd = sys->socket(AF_PACKET, SOCK_RAW, htons(ETH_P_IP));
+    ASSERT_GE(fd, 0);
+    struct sockaddr_ll to {};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = int(if_nametoindex("lo"));
+    to.sll_halen = 6;
+    std::vector<std::vector<uint8_t>> sent;
+    for (uint32_t xid = 1; xid <= 5; xid++) {
+        Dhcp4Frame f;
+        f.xid = xid;
+        sent.push_back(f.msgType(1).end().build());
+        ASSERT_EQ(sys->sendto(fd, sent.back().data(), sent.back().size(), 0,
+                              reinterpret_cast<struct sockaddr *>(&to), sizeof to),
+                  ssize_t(sent.back().size()));
+    }
+    auto readable = [&](long usec) {
+        fd_set rd;
+        FD_ZERO(&rd);
+        FD_SET(fd, &rd);
+        struct timeval tv = {0, usec};
+        return sys->select(fd + 1, &rd, nullptr, nullptr, &tv) == 1 && FD_ISSET(fd, &rd);
+    };
+    for (size_t i = 0; i < sent.size(); i++) {
+        ASSERT_TRUE(readable(500000)) << i;
+        uint8_t buf[2048];
+        alignas(struct cmsghdr) uint8_t control[64];
+        struct iovec iov = {buf, sizeof buf};
+        struct msghdr m {};
+        m.msg_iov = &iov;
+        m.msg_iovlen = 1;
+        m.msg_control = control;
+        m.msg_controllen = sizeof control;
+        ssize_t n = sys->recvmsg(fd, &m, 0);
+        ASSERT_EQ(n, ssize_t(sent[i].size())) << i;
+        EXPECT_EQ(std::vector<uint8_t>(buf, buf + n), sent[i]) << i;
+        /* after the first, the kernel's queue is empty: the rest were read with it */
+        uint8_t peek;
+        EXPECT_EQ(recv(fd, &peek, 1, MSG_PEEK | MSG_DONTWAIT), -1) << i;
+    }
+    EXPECT_FALSE(readable(0));
+    sys->close(fd);
 }
