@@ -196,7 +196,7 @@ Xfer connect_to(const char *path, int64_t deadline, std::unique_ptr<Fd> &out,
 }
 
 /* One request and its reply on a connected socket. */
-Xfer transfer(const Fd &fd, int64_t deadline, const uint8_t *req, uint32_t len,
+Xfer transfer(const Fd &fd, const char *path, int64_t deadline, const uint8_t *req, uint32_t len,
               std::vector<uint8_t> &reply, std::string &detail)
 {
     /* Length and body leave in one piece: the daemon reads the body with a
@@ -277,7 +277,7 @@ Xfer exchange_held(std::unique_ptr<Fd> &fd, const char *path, int timeoutMs, con
             return x;
         }
     }
-    Xfer x = transfer(*fd, deadline, req, len, reply, detail);
+    Xfer x = transfer(*fd, path, deadline, req, len, reply, detail);
     if (x != Xfer::ok)
         fd.reset();
     return x;
