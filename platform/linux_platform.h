@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include <linux/filter.h>
+
 #include "dhcpsnoop_sys.h"
 
 struct LinuxPortConfig {
@@ -80,6 +82,10 @@ uint32_t linux_adapt_frame(uint8_t *frame, uint32_t len, uint32_t room, bool vla
  * handling: attributes whose numbers the platform uses for aggregation
  * events are renamed.  Walks the datagram in place. */
 void linux_filter_netlink(uint8_t *buf, size_t len);
+
+/* The kernel filter of a data socket: DHCPv4 (v6: DHCPv6) frames behind up
+ * to two tags of the TPIDs given, wherever the IP header puts the ports. */
+std::vector<sock_filter> linux_dhcp_filter(bool v6, const std::vector<uint16_t> &tpids);
 
 const DhcpsnoopSysOps *linux_sys_ops(void);
 /* The command socket's path: DHCPSNOOP_SOCKET or the daemon's default. */
