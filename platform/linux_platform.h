@@ -56,6 +56,11 @@ int linux_config_parse(const std::string &text, LinuxConfig &out, std::string &e
  * kernel's system-call seam.  Returns 0, or -1 after printing why. */
 int linux_platform_init(void);
 
+/* The daemon has started: the enforcement rules of the ports whose IP
+ * source guard (ARP inspection) it feeds through its hooks go in, and a
+ * service manager that asked for it is told the daemon is ready. */
+void linux_platform_ready(bool ipsgHook, bool daiHook);
+
 /* The PVID of a port of the model (1 when unknown). */
 uint16_t linux_port_pvid(uint32_t ifIndex);
 
