@@ -330,8 +330,11 @@ int linux_platform_init(void)
             return -1;
         }
     } else {
-        /* no configuration: every interface but loopback is an access port */
         g_config = LinuxConfig();
+    }
+    if (g_config.ports.empty()) {
+        /* no ports configured (the installed file names none): every
+         * interface but loopback is an access port */
         struct if_nameindex *all = if_nameindex();
         for (struct if_nameindex *i = all; i && i->if_index; i++) {
             if (strcmp(i->if_name, "lo") == 0)
