@@ -1177,7 +1177,8 @@ enum IfCmd : uint32_t {
     IF_FLAG15 = 17, IF_MAX_USERS = 18, IF_CUR_USERS = 19, IF_FLAG14 = 20, IF_SETTING21 = 21,
     IF_DROP_MAC = 22, IF_DROP_BINDING = 23, IF_DROP_SERVER = 24, IF_CLEAR_STATS = 28,
     IF_CIRCUIT_FMT = 30, IF_REMOTE_FMT = 31, IF_OPT18_FMT = 32, IF_OPT37_FMT = 33, IF_RELAY = 34,
-    IF_DROP_FULL = 35, IF_DROP_GUARD = 36
+    IF_DROP_FULL = 35, IF_DROP_GUARD = 36,
+    IF_HW_IPSG_DROPS = 40, IF_HW_DAI_DROPS = 41
 };
 
 Request if_req(uint32_t func, uint32_t ifIndex, uint32_t cmd, uint32_t value = 0)
@@ -1281,6 +1282,7 @@ struct IfState {
     uint32_t version, trust, opt82, policy, subopt9, opt82Mode, opt18, opt37;
     uint32_t maxUsers, users, relay;
     uint32_t dropServer, dropMac, dropBinding, dropFull, dropGuard;
+    uint32_t hwIpsgDrops, hwDaiDrops; /* dropped by the hardware's binding rules */
     uint32_t flag14, flag15, flag16, setting21;
     uint32_t fmt[4];
     std::string text[5]; /* circuit-id, remote-id, subopt9, option18, option37 */
@@ -1327,6 +1329,8 @@ IfState read_if(Session &s, uint32_t ifIndex, bool full)
     st.dropServer = get(IF_DROP_SERVER);
     st.dropMac = get(IF_DROP_MAC);
     st.dropBinding = get(IF_DROP_BINDING);
+    st.hwIpsgDrops = get(IF_HW_IPSG_DROPS);
+    st.hwDaiDrops = get(IF_HW_DAI_DROPS);
     if (!full)
         return st;
     st.dropFull = get(IF_DROP_FULL);
@@ -1375,6 +1379,10 @@ std::string if_json(const Session &s, const IfState &st, bool full)
     if (full)
         drops.num("table_full", st.dropFull).num("binding_guard", st.dropGuard);
     o.raw("drops", drops.text());
+    o.raw("hardware_drops", JsonObj()
+                                .num("source_guard", st.hwIpsgDrops)
+                                .num("arp_inspection", st.hwDaiDrops)
+                                .text());
     if (!full)
         return o.text();
     o.raw("option82_settings", JsonObj()
@@ -1438,6 +1446,8 @@ int if_show_one(Session &s, uint32_t ifIndex)
         {"drops binding-mismatch", std::to_string(st.dropBinding)},
         {"drops table-full", std::to_string(st.dropFull)},
         {"drops binding-guard", std::to_string(st.dropGuard)},
+        {"hardware-drops source-guard", std::to_string(st.hwIpsgDrops)},
+        {"hardware-drops arp-inspection", std::to_string(st.hwDaiDrops)},
     };
     tb.print(s.out);
     return EXIT_OK;

@@ -70,6 +70,10 @@ constexpr uint8_t DHCPSNOOP_CHECK_PORT = 0x10;
 constexpr uint8_t DHCPSNOOP_CHECK_ALL = 0xF0;
 constexpr uint32_t DHCPSNOOP_RULE_IPSG = 1;
 constexpr uint32_t DHCPSNOOP_RULE_DAI = 2;
+/* Interface attributes (qorIfGetApi) where the hardware counts the frames
+ * its IP-source-guard and ARP-inspection rules dropped on a port. */
+constexpr uint32_t DHCPSNOOP_IF_ATTR_IPSG_DROPS = 5410;
+constexpr uint32_t DHCPSNOOP_IF_ATTR_DAI_DROPS = 5411;
 
 /* User types and bind states. */
 constexpr uint8_t DHCPSNOOP_USER_DYNAMIC = 1;

@@ -39,6 +39,8 @@ int main(int argc, char **argv)
         else
             fprintf(stderr, "dhcpsnoopd: the relay socket could not be opened\n");
     }
+    /* sockets and hooks are in place: the enforcement rules follow them */
+    linux_platform_ready(gDhcpsnoop.ipsgIfGet != nullptr, gDhcpsnoop.antiArpIfGet != nullptr);
     fflush(stdout);
 
     dhcpsnoop_main_setup();

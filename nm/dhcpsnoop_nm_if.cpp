@@ -350,6 +350,11 @@ int32_t nm_if_get_locked(uint32_t ifindex, uint32_t cmd, void *value)
         case 36: v = e->counters[DHCPSNOOP_CNT_GUARD]; break;
         case 30: case 31: case 32: case 33: v = *nm_fmt_of(e, cmd); break;
         case 34: v = e->relayAddr; break;
+        case 40: case 41: /* the hardware's own drops; none counted reads 0 */
+            if (qorIfGetApi(ifindex, cmd == 40 ? DHCPSNOOP_IF_ATTR_IPSG_DROPS
+                                               : DHCPSNOOP_IF_ATTR_DAI_DROPS, &v) != 0)
+                v = 0;
+            break;
         default: return DHCPSNOOP_E_INVALID;
         }
     }

@@ -13,6 +13,8 @@
 #include <grp.h>
 #include <net/if.h>
 #include <poll.h>
+#include <stddef.h>
+#include <stdlib.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -29,6 +31,8 @@
 
 #include "dhcpsnoop.h"
 #include "dhcpsnoop_adr.h"
+#include "dhcpsnoop_user.h"
+#include "linux_nft.h"
 #include "dhcpsnoop_platform.h"
 #include "peer_transport.h"
 #include "switch_model.h"
@@ -202,64 +206,14 @@ int interruptible_select(int n, fd_set *rd, fd_set *wr, fd_set *ex, struct timev
 
 /* ---- effects on the host ---- */
 
-int run_nft(const std::string &script)
-{
-    FILE *p = popen("nft -f - 2>&1", "w");
-    if (!p)
-        return -1;
-    fputs(script.c_str(), p);
-    int rc = pclose(p);
-    return rc == 0 ? 0 : -1;
-}
-
-bool nft_available()
-{
-    static int known = -1;
-    if (known < 0)
-        known = system("command -v nft >/dev/null 2>&1") == 0 ? 1 : 0;
-    return known == 1;
-}
-
-/* One netdev ingress chain per port and family drops DHCP before the
- * kernel's bridge or stack sees it; the daemon's packet sockets have it by
- * then, and it forwards the frames itself. */
+/* DHCP kept from the kernel's forwarding on a port: the port's chain in the
+ * daemon's nftables table drops it after the daemon's packet sockets have
+ * it, and the daemon forwards it. */
 int host_trap(uint32_t ifIndex, uint32_t cmd, uint32_t word)
 {
     if (!g_config.nftables)
         return 0;
-    if (!nft_available()) {
-        static bool warned = false;
-        if (!warned)
-            fprintf(stderr, "dhcpsnoopd: nft not found; DHCP is not kept from the kernel's forwarding\n");
-        warned = true;
-        return 0;
-    }
-    char name[IF_NAMESIZE] = {0};
-    if (!if_indextoname(ifIndex, name))
-        return 0; /* a VLAN interface of the model: nothing on the host */
-    std::string chain = "p" + std::to_string(ifIndex) + (word == 24 ? "_v6" : "_v4");
-    std::string ports = word == 24 ? "546, 547" : "67, 68";
-    std::string script;
-    if (cmd == 305) {
-        script = "table netdev dhcpsnoop {}\n"
-                 "add chain netdev dhcpsnoop " + chain + " { type filter hook ingress device \"" +
-                 name + "\" priority -500; }\n"
-                 "flush chain netdev dhcpsnoop " + chain + "\n"
-                 "add rule netdev dhcpsnoop " + chain + " udp dport { " + ports + " } drop\n"
-                 "add rule netdev dhcpsnoop " + chain + " vlan type { ip, ip6 } udp dport { " + ports + " } drop\n";
-    } else {
-        /* flush first: a base chain with rules cannot be deleted */
-        script = "table netdev dhcpsnoop {}\n"
-                 "add chain netdev dhcpsnoop " + chain + " { type filter hook ingress device \"" +
-                 name + "\" priority -500; }\n"
-                 "flush chain netdev dhcpsnoop " + chain + "\n"
-                 "delete chain netdev dhcpsnoop " + chain + "\n";
-    }
-    if (run_nft(script) != 0) {
-        fprintf(stderr, "dhcpsnoopd: nftables refused the DHCP trap on %s\n", name);
-        return -1;
-    }
-    return 0;
+    return linux_nft_trap(ifIndex, word, cmd == 305);
 }
 
 /* ---- the hardware state file ----
@@ -347,14 +301,48 @@ void host_hardware(uint32_t ifIndex, uint32_t op, const uint8_t *rec)
     linux_hw_state_update(ifIndex, op, rec);
 }
 
+/* Under systemd (it sets INVOCATION_ID for every service it starts, and
+ * JOURNAL_STREAM when standard output goes to the journal) the syslog line
+ * reaches the journal already; a copy on standard output would show twice. */
+bool under_service_manager()
+{
+    return getenv("INVOCATION_ID") || getenv("JOURNAL_STREAM");
+}
+
 void host_log(const std::string &line)
 {
     std::string text = line;
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
         text.pop_back();
     syslog(LOG_INFO, "%s", text.c_str());
+    if (under_service_manager())
+        return;
     printf("%s\n", text.c_str());
     fflush(stdout);
+}
+
+/* Tell the service manager that the daemon is ready (the plain notify
+ * socket protocol: one datagram to NOTIFY_SOCKET; '@' names an abstract
+ * socket).  Nothing happens when no service manager asked for it. */
+void notify_ready()
+{
+    const char *path = getenv("NOTIFY_SOCKET");
+    if (!path || (path[0] != '/' && path[0] != '@') || strlen(path) >= sizeof(sockaddr_un::sun_path))
+        return;
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path, strlen(path));
+    if (path[0] == '@')
+        addr.sun_path[0] = '\0';
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return;
+    char msg[64];
+    int n = snprintf(msg, sizeof msg, "READY=1\nMAINPID=%d", int(getpid()));
+    sendto(fd, msg, size_t(n), MSG_NOSIGNAL, reinterpret_cast<struct sockaddr *>(&addr),
+           socklen_t(offsetof(struct sockaddr_un, sun_path) + strlen(path)));
+    close(fd);
 }
 
 /* Sync buffers go to the peer daemon's command socket. */
@@ -574,6 +562,10 @@ int linux_platform_init(void)
          * that join ports, which are no ports themselves) is an access port */
         host_log(std::string("no configuration file ") + path + ": every interface but lo is a port");
         g_config = LinuxConfig();
+    }
+    if (g_config.ports.empty()) {
+        /* no ports configured (the installed file names none): every
+         * interface but loopback is an access port */
         struct if_nameindex *all = if_nameindex();
         for (struct if_nameindex *i = all; i && i->if_index; i++) {
             std::string bridge = std::string("/sys/class/net/") + i->if_name + "/bridge";
@@ -641,7 +633,15 @@ int linux_platform_init(void)
     }
 
     m.onTrap = host_trap;
-    m.onHwUser = host_hardware;
+    m.onHwUser = [](uint32_t ifIndex, uint32_t op, const uint8_t *rec) {
+        host_hardware(ifIndex, op, rec);
+        linux_nft_binding(ifIndex, op == DHCPSNOOP_HW_OP_ADD, rec);
+    };
+    m.onHwCounter = [](uint32_t ifIndex, uint32_t attr) {
+        return linux_nft_drops(ifIndex, attr == DHCPSNOOP_IF_ATTR_IPSG_DROPS
+                                            ? NftDrop::SourceGuard
+                                            : NftDrop::ArpInspection);
+    };
     m.onLog = host_log;
     m.onScalarSync = peer_transport;
     g_ops = *linux_sys_ops();
@@ -652,6 +652,9 @@ int linux_platform_init(void)
     g_ops.listen = roomy_listen;
     g_ops.select = interruptible_select;
     dhcpsnoop_sys_set(&g_ops);
+    /* the table goes with the daemon, however it ends */
+    if (g_config.nftables && linux_nft_start() == 0)
+        atexit(linux_nft_stop);
 
     struct sigaction sa;
     memset(&sa, 0, sizeof sa);
@@ -778,3 +781,10 @@ void linux_hw_state_update(uint32_t ifIndex, uint32_t op, const uint8_t *rec)
     g_hw.freeList = at;
 }
 
+
+void linux_platform_ready(bool ipsgHook, bool daiHook)
+{
+    if (g_config.nftables)
+        linux_nft_enforce(ipsgHook, daiHook);
+    notify_ready();
+}

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include <linux/filter.h>
+
 #include "dhcpsnoop_sys.h"
 
 struct LinuxPortConfig {
@@ -89,6 +91,10 @@ bool linux_socket_in_use(void);
  * (op 0x3E800DF adds or replaces a record, anything else removes it). */
 int linux_hw_state_open(const char *path, uint32_t bindings);
 void linux_hw_state_update(uint32_t ifIndex, uint32_t op, const uint8_t *rec);
+/* The daemon has started: the enforcement rules of the ports whose IP
+ * source guard (ARP inspection) it feeds through its hooks go in, and a
+ * service manager that asked for it is told the daemon is ready. */
+void linux_platform_ready(bool ipsgHook, bool daiHook);
 
 /* The PVID of a port of the model (1 when unknown). */
 uint16_t linux_port_pvid(uint32_t ifIndex);
@@ -116,6 +122,10 @@ uint32_t linux_adapt_frame(uint8_t *frame, uint32_t len, uint32_t room, bool vla
  * handling: attributes whose numbers the platform uses for aggregation
  * events are renamed.  Walks the datagram in place. */
 void linux_filter_netlink(uint8_t *buf, size_t len);
+
+/* The kernel filter of a data socket: DHCPv4 (v6: DHCPv6) frames behind up
+ * to two tags of the TPIDs given, wherever the IP header puts the ports. */
+std::vector<sock_filter> linux_dhcp_filter(bool v6, const std::vector<uint16_t> &tpids);
 
 const DhcpsnoopSysOps *linux_sys_ops(void);
 /* The command socket's path: DHCPSNOOP_SOCKET or the daemon's default. */

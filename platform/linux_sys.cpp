@@ -16,6 +16,7 @@
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <linux/netlink.h>
+#include <netinet/in.h>
 #include <linux/rtnetlink.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -51,43 +52,151 @@ void put16(uint8_t *p, uint32_t v)
     p[1] = uint8_t(v);
 }
 
-/* Accept IPv4 (resp. IPv6) UDP frames for the DHCP ports, untagged or behind
- * one tag left in the data (the kernel usually takes the outer tag off). */
+/* A classic BPF program written with labels: jumps name their target and
+ * are turned into the forward offsets the kernel wants when it is done. */
+struct BpfAsm {
+    struct Ins {
+        uint16_t code;
+        int jt, jf; /* labels; -1 falls through */
+        uint32_t k;
+    };
+    std::vector<Ins> ins;
+    std::vector<int> at;
+    int label()
+    {
+        at.push_back(-1);
+        return int(at.size()) - 1;
+    }
+    void bind(int l) { at[size_t(l)] = int(ins.size()); }
+    void op(uint16_t code, uint32_t k = 0) { ins.push_back({code, -1, -1, k}); }
+    void jmp(uint16_t cond, uint32_t k, int jt, int jf = -1)
+    {
+        ins.push_back({uint16_t(BPF_JMP | cond | BPF_K), jt, jf, k});
+    }
+    void ja(int l) { ins.push_back({BPF_JMP | BPF_JA, l, -1, 0}); }
+    std::vector<sock_filter> done() const
+    {
+        std::vector<sock_filter> out;
+        for (size_t i = 0; i < ins.size(); i++) {
+            const Ins &n = ins[i];
+            auto rel = [&](int l) { return l < 0 ? 0u : uint32_t(at[size_t(l)] - int(i) - 1); };
+            if (n.code == (BPF_JMP | BPF_JA))
+                out.push_back(sock_filter{n.code, 0, 0, rel(n.jt)});
+            else
+                out.push_back(sock_filter{n.code, uint8_t(rel(n.jt)), uint8_t(rel(n.jf)), n.k});
+        }
+        return out;
+    }
+};
+
+} // namespace
+
+/* Accept IPv4 (resp. IPv6) UDP frames for the DHCP ports behind up to two
+ * tags of the given TPIDs left in the data (the kernel often takes the outer
+ * one off).  The transport header is found the way the stack finds it: after
+ * the IPv4 header length the header gives, or after the IPv6 extension
+ * headers (up to four), so clients that send options are not lost. */
+std::vector<sock_filter> linux_dhcp_filter(bool v6, const std::vector<uint16_t> &tpids)
+{
+    const uint16_t ethType = v6 ? ETH_P_IPV6 : ETH_P_IP;
+    const uint32_t p1 = v6 ? 546 : 67, p2 = v6 ? 547 : 68;
+    constexpr int MAX_EXT = 4;
+    BpfAsm a;
+    const int drop = a.label(), ports = a.label(), walk = a.label();
+    int l3[3] = {a.label(), a.label(), a.label()};
+    /* the ethertype behind 0, 1 or 2 tags */
+    for (int depth = 0; depth < 3; depth++) {
+        a.op(BPF_LD | BPF_H | BPF_ABS, 12 + 4 * uint32_t(depth));
+        a.jmp(BPF_JEQ, ethType, l3[depth]);
+        if (depth == 2) {
+            a.ja(drop);
+            break;
+        }
+        const int next = a.label();
+        for (uint16_t t : tpids)
+            a.jmp(BPF_JEQ, t, next);
+        a.ja(drop);
+        a.bind(next);
+    }
+    for (int depth = 0; depth < 3; depth++) {
+        const uint32_t k = 14 + 4 * uint32_t(depth);
+        a.bind(l3[depth]);
+        if (v6) {
+            a.op(BPF_LDX | BPF_IMM, k + 40);
+            a.op(BPF_LD | BPF_B | BPF_ABS, k + 6);
+            a.ja(walk);
+        } else {
+            a.op(BPF_LD | BPF_B | BPF_ABS, k + 9);
+            a.jmp(BPF_JEQ, IPPROTO_UDP, -1, drop);
+            a.op(BPF_LDX | BPF_B | BPF_MSH, k); /* X = header length */
+            a.op(BPF_MISC | BPF_TXA);
+            a.op(BPF_ALU | BPF_ADD | BPF_K, k);
+            a.op(BPF_MISC | BPF_TAX);
+            a.ja(ports);
+        }
+    }
+    if (v6) {
+        /* A = the next header, X = where it starts */
+        a.bind(walk);
+        for (int i = 0; i <= MAX_EXT; i++) {
+            a.jmp(BPF_JEQ, IPPROTO_UDP, ports);
+            if (i == MAX_EXT)
+                break;
+            const int fixed = a.label(), sized = a.label(), next = a.label();
+            a.jmp(BPF_JEQ, IPPROTO_FRAGMENT, fixed);
+            a.jmp(BPF_JEQ, IPPROTO_HOPOPTS, sized);
+            a.jmp(BPF_JEQ, IPPROTO_ROUTING, sized);
+            a.jmp(BPF_JEQ, IPPROTO_DSTOPTS, sized, drop);
+            a.bind(fixed); /* a fragment header is 8 bytes */
+            a.op(BPF_LD | BPF_B | BPF_IND, 0);
+            a.op(BPF_ST, 0);
+            a.op(BPF_MISC | BPF_TXA);
+            a.op(BPF_ALU | BPF_ADD | BPF_K, 8);
+            a.ja(next);
+            a.bind(sized); /* the others say their length in 8-byte units past the first */
+            a.op(BPF_LD | BPF_B | BPF_IND, 0);
+            a.op(BPF_ST, 0);
+            a.op(BPF_LD | BPF_B | BPF_IND, 1);
+            a.op(BPF_ALU | BPF_ADD | BPF_K, 1);
+            a.op(BPF_ALU | BPF_LSH | BPF_K, 3);
+            a.op(BPF_ALU | BPF_ADD | BPF_X);
+            a.bind(next);
+            a.op(BPF_MISC | BPF_TAX);
+            a.op(BPF_LD | BPF_MEM, 0);
+        }
+        a.ja(drop);
+    }
+    /* X = the transport header: either port in the DHCP pair */
+    a.bind(ports);
+    for (uint32_t off : {0u, 2u}) {
+        const int other = a.label();
+        a.op(BPF_LD | BPF_H | BPF_IND, off);
+        a.jmp(BPF_JGE, p1, -1, other);
+        a.jmp(BPF_JGT, p2, other);
+        a.op(BPF_RET | BPF_K, 0xFFFF);
+        a.bind(other);
+    }
+    a.bind(drop);
+    a.op(BPF_RET | BPF_K, 0);
+    return a.done();
+}
+
+namespace {
+
+/* The tag protocols a port may carry: the usual three and any a port of
+ * the configuration names. */
+std::vector<uint16_t> accepted_tpids()
+{
+    std::vector<uint16_t> t = {ETH_P_8021Q, ETH_P_8021AD, 0x9100};
+    for (auto &[idx, p] : sim_model().ports)
+        if (p.tpid && std::find(t.begin(), t.end(), p.tpid) == t.end())
+            t.push_back(p.tpid);
+    return t;
+}
+
 int attach_filter(int fd, Family f)
 {
-    const uint16_t ethType = f == Family::V4 ? ETH_P_IP : ETH_P_IPV6;
-    const uint32_t p1 = f == Family::V4 ? 67 : 546, p2 = f == Family::V4 ? 68 : 547;
-    std::vector<sock_filter> code;
-    auto add = [&](uint16_t c, uint8_t jt, uint8_t jf, uint32_t k) {
-        code.push_back(sock_filter{c, jt, jf, k});
-    };
-    /* 0 */ add(BPF_LD | BPF_H | BPF_ABS, 0, 0, 12);
-    /* 1 */ add(BPF_JMP | BPF_JEQ | BPF_K, 3, 0, ethType);   /* untagged: 5 */
-    /* 2 */ add(BPF_JMP | BPF_JEQ | BPF_K, 0, 0, ETH_P_8021Q); /* else drop */
-    /* 3 */ add(BPF_LD | BPF_H | BPF_ABS, 0, 0, 16);
-    /* 4 */ add(BPF_JMP | BPF_JEQ | BPF_K, 2, 0, ethType);   /* tagged: 7 */
-    /* 5 */ add(BPF_LDX | BPF_IMM, 0, 0, 14);                /* X = L3 offset */
-    /* 6 */ add(BPF_JMP | BPF_JA, 0, 0, 1);
-    /* 7 */ add(BPF_LDX | BPF_IMM, 0, 0, 18);
-    /* the transport ports sit behind a 20-byte IPv4 header or a 40-byte
-     * IPv6 header; options or extension headers are left to the daemon */
-    const uint32_t l4 = f == Family::V4 ? 20 : 40;
-    /* 8 */ add(BPF_LD | BPF_H | BPF_IND, 0, 0, l4);         /* source port */
-    /* 9 */ add(BPF_JMP | BPF_JGE | BPF_K, 0, 2, p1);
-    /* 10 */ add(BPF_JMP | BPF_JGT | BPF_K, 1, 0, p2);
-    /* 11 */ add(BPF_RET | BPF_K, 0, 0, 0xFFFF);
-    /* 12 */ add(BPF_LD | BPF_H | BPF_IND, 0, 0, l4 + 2);    /* destination port */
-    /* 13 */ add(BPF_JMP | BPF_JGE | BPF_K, 0, 2, p1);
-    /* 14 */ add(BPF_JMP | BPF_JGT | BPF_K, 1, 0, p2);
-    /* 15 */ add(BPF_RET | BPF_K, 0, 0, 0xFFFF);
-    /* 16 */ add(BPF_RET | BPF_K, 0, 0, 0);
-    /* fix the jumps that lead to the final drop */
-    code[2].jf = uint8_t(16 - 3);
-    code[4].jf = uint8_t(16 - 5);
-    code[10].jt = uint8_t(12 - 11);
-    code[9].jf = uint8_t(12 - 10);
-    code[14].jt = uint8_t(16 - 15);
-    code[13].jf = uint8_t(16 - 14);
+    std::vector<sock_filter> code = linux_dhcp_filter(f == Family::V6, accepted_tpids());
     struct sock_fprog prog = {uint16_t(code.size()), code.data()};
     return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog);
 }
@@ -477,7 +586,7 @@ uint32_t linux_adapt_frame(uint8_t *frame, uint32_t len, uint32_t room, bool vla
     int tags = 0;
     while (tags < 2 && off + 4 <= len) {
         uint16_t t = be16(frame + off);
-        if (t != 0x8100 && t != 0x88A8 && t != portTpid)
+        if (t != 0x8100 && t != 0x88A8 && t != 0x9100 && t != portTpid)
             break;
         vids[tags++] = be16(frame + off + 2) & 0x0FFF;
         off += 4;

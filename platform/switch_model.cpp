@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "dhcpsnoop.h"
 #include "dhcpsnoop_platform.h"
 
 namespace {
@@ -171,6 +172,12 @@ int qorIfGetApi(uint32_t ifIndex, uint32_t attr, void *value)
         return 0;
     case 417:
         put_word(value, p->isVlanIf ? 1 : 0);
+        return 0;
+    case DHCPSNOOP_IF_ATTR_IPSG_DROPS:
+    case DHCPSNOOP_IF_ATTR_DAI_DROPS:
+        if (!g_model.onHwCounter)
+            return -1;
+        put_word(value, g_model.onHwCounter(ifIndex, attr));
         return 0;
     case 5400:
         if (!p->isVlanIf)

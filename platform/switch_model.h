@@ -134,6 +134,9 @@ struct SwitchModel {
     std::function<int(uint32_t ifIndex, uint32_t cmd, uint32_t word)> onTrap;
     std::function<void(uint32_t ifIndex, uint32_t op, const uint8_t *record44)> onHwUser;
     std::function<void(const std::string &line)> onLog;
+    /* The hardware's drop counters of a port (interface attributes
+     * DHCPSNOOP_IF_ATTR_IPSG_DROPS / _DAI_DROPS); unanswered without it. */
+    std::function<uint32_t(uint32_t ifIndex, uint32_t attr)> onHwCounter;
 
     /* Called for every qorHwScalarSync after it is recorded; its result is
      * the call's result (used to carry sync buffers to a peer). */

@@ -816,6 +816,7 @@ protected:
         ChildDaemonOptions o;
         o.ports = {3, 4};
         o.vlanIfs = {{100, 10}};
+        o.hwDrops = 7;
         ASSERT_TRUE(daemon.start(path, o)) << "the daemon did not start";
     }
     void TearDown() override { daemon.stop(); }
@@ -883,6 +884,8 @@ TEST_F(CliDaemon, SettingsRoundTripThroughTheDaemon)
     EXPECT_TRUE(has_line(r.out, "remote-id \"plain\" (format 0)")) << r.out;
     EXPECT_TRUE(has_line(r.out, "relay-address 192.0.2.254")) << r.out;
     EXPECT_TRUE(has_line(r.out, "policy keep-default (2)")) << r.out;
+    EXPECT_TRUE(has_line(r.out, "hardware-drops source-guard 7")) << r.out;
+    EXPECT_TRUE(has_line(r.out, "hardware-drops arp-inspection 8")) << r.out;
 
     r = ctl({"interface", "show"});
     EXPECT_EQ(r.status, 0) << r.err;
@@ -916,6 +919,7 @@ TEST_F(CliDaemon, SettingsRoundTripThroughTheDaemon)
     ok({"interface", "4", "enable", "off"});
     r = ctl({"--json", "interface", "show"});
     EXPECT_TRUE(has(r.out, "\"ifindex\":3")) << r.out;
+    EXPECT_TRUE(has(r.out, "\"hardware_drops\":{\"source_guard\":7,\"arp_inspection\":8}")) << r.out;
     EXPECT_FALSE(has(r.out, "\"ifindex\":4")) << r.out;
 }
 

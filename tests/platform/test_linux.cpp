@@ -8,6 +8,7 @@
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -147,6 +148,8 @@ TEST(LinuxFrames, TagsAndVlansAsTheSwitchWouldReportThem)
     std::vector<uint8_t> inner40 = f.build();
     f.vlans = {30, 40};
     std::vector<uint8_t> qinq = f.build();
+    std::vector<uint8_t> qinq9100 = qinq;
+    qinq9100[12] = 0x91;
 
     struct Case {
         const char *what;
@@ -162,6 +165,7 @@ TEST(LinuxFrames, TagsAndVlansAsTheSwitchWouldReportThem)
         {"tag taken off by the kernel goes back", untagged, true, 30, 0, tagged, 30, 0, 18},
         {"tag left in the data", tagged, false, 0, 0, tagged, 30, 0, 18},
         {"outer tag taken off, inner left", inner40, true, 30, 0, qinq, 30, 40, 22},
+        {"two tags left in the data, 0x9100 outside", qinq9100, false, 0, 0, qinq9100, 30, 40, 22},
         {"priority bits are not the VLAN", untagged, true, uint16_t(0xE000 | 30), 0, {}, 30, 0, 18},
     };
     for (auto &c : cases) {
@@ -221,6 +225,72 @@ TEST(LinuxFrames, ChecksumsLeftToTheHardwareAreCompleted)
     buf.resize(2052);
     linux_adapt_frame(buf.data(), uint32_t(ready.size()), 2052, false, 0, 0, false, 1, 1, 0x8100, info);
     EXPECT_FALSE(udp4_checksum_ok(buf.data(), 14));
+}
+
+/* Does the data sockets' kernel filter let the frame through?  A datagram
+ * socket pair runs the same filter without privileges. */
+bool filter_passes(bool v6, const std::vector<uint8_t> &frame)
+{
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sv) != 0)
+        return false;
+    std::vector<sock_filter> code = linux_dhcp_filter(v6, {0x8100, 0x88A8, 0x9100});
+    struct sock_fprog prog = {uint16_t(code.size()), code.data()};
+    uint8_t buf[2048];
+    bool ok = setsockopt(sv[1], SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog) == 0 &&
+              send(sv[0], frame.data(), frame.size(), 0) == ssize_t(frame.size()) &&
+              recv(sv[1], buf, sizeof buf, MSG_DONTWAIT) == ssize_t(frame.size());
+    close(sv[0]);
+    close(sv[1]);
+    return ok;
+}
+
+TEST(LinuxFrames, ReceiveFilterFindsDhcpBehindTagsIpOptionsAndExtensionHeaders)
+{
+    auto v4 = [](auto change) {
+        Dhcp4Frame f;
+        f.msgType(1).end();
+        change(f);
+        return f.build();
+    };
+    auto outer = [](std::vector<uint8_t> fr, uint16_t tpid) {
+        fr[12] = uint8_t(tpid >> 8);
+        fr[13] = uint8_t(tpid);
+        return fr;
+    };
+    auto v6 = [](uint8_t next, std::vector<uint8_t> ext) {
+        Dhcp6Frame f;
+        f.nextHeader = next;
+        f.ext = ext;
+        return f.build();
+    };
+    const std::vector<uint8_t> hbh = {17, 0, 1, 4, 0, 0, 0, 0};
+    const std::vector<uint8_t> hbhThenDst = {60, 0, 1, 4, 0, 0, 0, 0, 17, 1, 1, 12,
+                                             0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    std::vector<uint8_t> qinq = v4([](Dhcp4Frame &f) { f.vlans = {30, 40}; });
+    struct Case {
+        const char *what;
+        bool v6;
+        std::vector<uint8_t> frame;
+        bool pass;
+    } cases[] = {
+        {"untagged DHCPv4", false, v4([](Dhcp4Frame &) {}), true},
+        {"IPv4 options (router alert)", false, v4([](Dhcp4Frame &f) { f.ihl = 6; }), true},
+        {"one 802.1Q tag", false, v4([](Dhcp4Frame &f) { f.vlans = {30}; }), true},
+        {"two tags, 0x9100 outside", false, outer(qinq, 0x9100), true},
+        {"two tags, 0x88a8 outside", false, outer(qinq, 0x88A8), true},
+        {"three tags", false, v4([](Dhcp4Frame &f) { f.vlans = {1, 2, 3}; }), false},
+        {"an unknown outer TPID", false, outer(qinq, 0x9200), false},
+        {"other UDP ports", false, v4([](Dhcp4Frame &f) { f.sport = f.dport = 53; }), false},
+        {"not UDP", false, v4([](Dhcp4Frame &f) { f.ipProto = 6; }), false},
+        {"plain DHCPv6", true, v6(17, {}), true},
+        {"DHCPv6 behind a hop-by-hop header", true, v6(0, hbh), true},
+        {"DHCPv6 behind hop-by-hop and destination options", true, v6(0, hbhThenDst), true},
+        {"TCP behind a hop-by-hop header", true, v6(0, {6, 0, 1, 4, 0, 0, 0, 0}), false},
+        {"DHCPv6 to the IPv4 filter", false, v6(17, {}), false},
+    };
+    for (auto &c : cases)
+        EXPECT_EQ(filter_passes(c.v6, c.frame), c.pass) << c.what;
 }
 
 namespace {

@@ -18,6 +18,7 @@ struct ChildDaemonOptions {
     int32_t s53 = 1, s54 = 1;                             /* redundancy scalars: None */
     bool enablePorts = false;                             /* snooping on the ports */
     uint16_t userMax = 2000;
+    uint32_t hwDrops = 0; /* the hardware's source-guard drops of a port; ARP inspection's + 1 */
 };
 
 class ChildDaemon {
