@@ -13,4 +13,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-s390x -L ${DHCPSNOOP_CROSS_SYSROOT})
+# The cross libc comes first: the target's multiarch libraries (libnftables)
+# sit beside a libc of their own that must not be mixed with it.
+set(CMAKE_CROSSCOMPILING_EMULATOR env LD_LIBRARY_PATH=${DHCPSNOOP_CROSS_SYSROOT}/lib
+    qemu-s390x -L ${DHCPSNOOP_CROSS_SYSROOT})
