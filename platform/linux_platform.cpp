@@ -652,6 +652,14 @@ int linux_platform_init(void)
     g_ops.listen = roomy_listen;
     g_ops.select = interruptible_select;
     dhcpsnoop_sys_set(&g_ops);
+    /* A second daemon must not touch the first one's table: the table is
+     * replaced at start and removed at exit, so refuse before making it. */
+    if (socket_live(linux_socket_path())) {
+        g_socketInUse = true;
+        fprintf(stderr, "dhcpsnoopd: another daemon is serving %s; not starting\n",
+                linux_socket_path());
+        return -1;
+    }
     /* the table goes with the daemon, however it ends */
     if (g_config.nftables && linux_nft_start() == 0)
         atexit(linux_nft_stop);
