@@ -399,12 +399,14 @@ TEST_F(CliScripted, BindingListingDecodesKeysAndAttributes)
      * type, state, then three bytes not shown */
     auto record = [](const Bytes &k, bool first) {
         Bytes r = k;
-        for (uint32_t v : {first ? 3u : 4u, first ? 0xFFFFFFFFu : 600u, first ? 12u : 30u,
-                           first ? 10u : 20u})
+        for (uint32_t v : {first ? 3u : 4u, first ? 0xFFFFFFFFu : 600u, first ? 12u : 30u})
             for (uint8_t byte : u32_bytes(v))
                 r.push_back(byte);
-        /* the last word is the 16-bit vid and an attribute of 0 */
-        r.insert(r.end(), {0x02, 0, 0, 0, 0, uint8_t(first ? 7 : 9),
+        /* the last word is the 16-bit vid (host order) and an attribute of 0 */
+        const uint16_t vid = first ? 10 : 20;
+        uint8_t vb[2];
+        memcpy(vb, &vid, 2);
+        r.insert(r.end(), {vb[0], vb[1], 0, 0, 0x02, 0, 0, 0, 0, uint8_t(first ? 7 : 9),
                            uint8_t(first ? 2 : 1), uint8_t(first ? 1 : 4), 0, 0, 0, 0});
         return r;
     };

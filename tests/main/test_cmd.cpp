@@ -271,7 +271,10 @@ TEST_F(CmdTest, BindingPagesFollowKeyOrderOnOneConnection)
     Bytes r = reply_item(cmd_run(page(nullptr, 4, 0)), DATA_POS_USER).value;
     const Bytes rec(r.begin() + 8 + 20, r.begin() + 8 + 44);
     Bytes want = u32_bytes(4);
-    for (const Bytes &b : {u32_bytes(3600), u32_bytes(3600), Bytes{20, 0, 0, 0},
+    const uint16_t vid = 20; /* host order, then a 16-bit attribute of 0 */
+    uint8_t vb[2];
+    memcpy(vb, &vid, 2);
+    for (const Bytes &b : {u32_bytes(3600), u32_bytes(3600), Bytes{vb[0], vb[1], 0, 0},
                            Bytes(mac.begin(), mac.end()),
                            Bytes{DHCPSNOOP_USER_DYNAMIC, DHCPSNOOP_BIND_BOUND}})
         want.insert(want.end(), b.begin(), b.end());
