@@ -115,9 +115,11 @@ TEST_F(CmdTest, RepliesAreTheRequestRewrittenByItsDataType)
     DhcpsnoopIf *e = enablePort(5);
     e->flags |= ifflag::OPTION82;
     e->circuitIdFmt = 0;
-    EXPECT_EQ(cmd_run(idx(5, 5, 5, 0, text_bytes("port-5"))), idx(5, 5, 5, 0, text_bytes("port-5")));
-    EXPECT_EQ(cmd_run(idx(7, 5, 5, 0, Bytes(10, 'x'))),
-              answered(idx(7, 5, 5, 0, Bytes(10, 'x')), 0, DATA_POS_INDEX, 0, {text_bytes("port-5")}));
+    EXPECT_EQ(cmd_run(idx(5, 5, 5, 0, text_bytes("port-5"))),
+              idx(5, 5, 5, 0, text_bytes("port-5")));
+    EXPECT_EQ(
+        cmd_run(idx(7, 5, 5, 0, Bytes(10, 'x'))),
+        answered(idx(7, 5, 5, 0, Bytes(10, 'x')), 0, DATA_POS_INDEX, 0, {text_bytes("port-5")}));
     const int32_t bad = DHCPSNOOP_E_INVALID;
     EXPECT_EQ(cmd_run(idx(5, 5, 5, 2, u32_bytes(0x1000))), idx(5, 5, 5, 2, u32_bytes(0x1000), bad));
     EXPECT_EQ(cmd_run(idx(7, 5, 18, 0, Bytes(4))), idx(7, 5, 18, 0, Bytes(4), bad));

@@ -34,7 +34,8 @@ TEST_F(StartTest, PoolEntriesAreLinkSizedAndTakenFromTheEndOfTheBlock)
         EXPECT_EQ(list_length(&head), entries) << size << "x" << count;
         const DhcpsnoopList *e = head.next;
         for (size_t i = entries; i-- > 0; e = e->next)
-            EXPECT_EQ(reinterpret_cast<const uint8_t *>(e), static_cast<uint8_t *>(pool) + i * stride);
+            EXPECT_EQ(reinterpret_cast<const uint8_t *>(e),
+                      static_cast<uint8_t *>(pool) + i * stride);
         dhcpsnoop_sys->free(pool);
     }
     DhcpsnoopList head;
@@ -52,8 +53,10 @@ TEST_F(StartTest, ArgumentsGivePoolSizesAndHooks)
         uint16_t ifMax, userMax;
         bool ipsg, dai, deft;
     } cases[] = {
-        {{}, 20, 256, false, false, false},          {{"abc", "xyz", "abc"}, 20, 256, false, false, false},
-        {{"5", "7"}, 5, 7, false, false, false},     {{"0", "0", "1"}, 20, 256, true, false, false},
+        {{}, 20, 256, false, false, false},
+        {{"abc", "xyz", "abc"}, 20, 256, false, false, false},
+        {{"5", "7"}, 5, 7, false, false, false},
+        {{"0", "0", "1"}, 20, 256, true, false, false},
         {{"0", "0", "0", "1"}, 20, 256, false, true, false},
         {{"0", "0", "0", "0", "2"}, 20, 256, false, false, true},
         {{"3", "0", "1", "1", "1", "9"}, 3, 256, true, true, true},
@@ -65,9 +68,10 @@ TEST_F(StartTest, ArgumentsGivePoolSizesAndHooks)
         int before = model().segFaultHandlerInstalled;
         ASSERT_EQ(dhcpsnoop_start(int(argv.size()), argv.data()), 0);
         EXPECT_EQ(model().segFaultHandlerInstalled, before + 1);
-        EXPECT_EQ(std::tuple(list_length(&gDhcpsnoop.ifFreeList), list_length(&gDhcpsnoop.userFreeList),
-                             gDhcpsnoop.ifMax, gDhcpsnoop.userMax, gDhcpsnoop.serverMax),
-                  std::tuple(size_t(c.ifMax), size_t(c.userMax), c.ifMax, c.userMax, uint16_t(256)));
+        EXPECT_EQ(
+            std::tuple(list_length(&gDhcpsnoop.ifFreeList), list_length(&gDhcpsnoop.userFreeList),
+                       gDhcpsnoop.ifMax, gDhcpsnoop.userMax, gDhcpsnoop.serverMax),
+            std::tuple(size_t(c.ifMax), size_t(c.userMax), c.ifMax, c.userMax, uint16_t(256)));
         EXPECT_EQ(std::tuple(gDhcpsnoop.ipsgIfGet != nullptr, gDhcpsnoop.antiArpIfGet != nullptr,
                              gDhcpsnoop.deftinstallCb != nullptr, gDhcpsnoop.circuitIdFmt.mode),
                   std::tuple(c.ipsg, c.dai, c.deft, uint16_t(3)));
@@ -84,7 +88,8 @@ TEST_F(StartTest, StartUpOpensTheFourSocketsOnce)
     FakeSock *d4 = sys().sock(gDhcpsnoop.dataSock), *d6 = sys().sock(gDhcpsnoop.data6Sock),
              *cmd = sys().sock(gDhcpsnoop.cmdSock), *rt = sys().sock(gDhcpsnoop.rtSock);
     ASSERT_TRUE(d4 && d6 && cmd && rt);
-    EXPECT_EQ(std::tuple(d4->kind, d6->kind, d4->bound, (d4->options[{263, 20}]), (d6->options[{263, 20}])),
+    EXPECT_EQ(std::tuple(d4->kind, d6->kind, d4->bound, (d4->options[{263, 20}]),
+                         (d6->options[{263, 20}])),
               std::tuple(FakeKind::Data4, FakeKind::Data6, false, 1, 1));
     EXPECT_EQ(std::tuple(cmd->boundPath, cmd->bindLen, cmd->listening, cmd->backlog),
               std::tuple(std::string(kPath), socklen_t(110), true, 10));
@@ -141,7 +146,8 @@ TEST_F(StartTest, EveryFailingStepReleasesEverything)
         {"setsockopt", 1, 1, 0},      {"setsockopt", 56, 1, 0},  {"ioctl", -1, 1, 0},
     };
     for (auto &c : cases) {
-        SCOPED_TRACE(std::string(c.fn) + " " + std::to_string(c.arg) + " #" + std::to_string(c.nth));
+        SCOPED_TRACE(std::string(c.fn) + " " + std::to_string(c.arg) + " #" +
+                     std::to_string(c.nth));
         sys().reset();
         sys().install();
         model().reset();
@@ -155,7 +161,8 @@ TEST_F(StartTest, EveryFailingStepReleasesEverything)
         EXPECT_EQ(sys().liveAllocations(), 0u) << "a pool was left allocated";
         EXPECT_TRUE(model().semaphores.empty());
         EXPECT_EQ(gDhcpsnoop.semId, 0u);
-        for (DhcpsnoopList *l : {&gDhcpsnoop.ifFreeList, &gDhcpsnoop.userFreeList, &gDhcpsnoop.serverFreeList})
+        for (DhcpsnoopList *l :
+             {&gDhcpsnoop.ifFreeList, &gDhcpsnoop.userFreeList, &gDhcpsnoop.serverFreeList})
             EXPECT_TRUE(dhcpsnoop_list_empty(l));
         EXPECT_EQ(std::tuple(gDhcpsnoop.cmdSock, gDhcpsnoop.rtSock), std::tuple(-1, -1));
         EXPECT_EQ(std::count(sys().closedFds.begin(), sys().closedFds.end(), 0), c.zeroCloses);
@@ -178,8 +185,10 @@ TEST_F(StartTest, UdpSocketIsBoundToPort67AndClosedOnAnyFailure)
     EXPECT_TRUE(s->bound);
     for (int opt : {SO_BROADCAST, SO_REUSEADDR, SO_RCVBUF})
         EXPECT_EQ((s->options[{SOL_SOCKET, opt}]), 1) << opt;
-    for (auto [fn, arg] : {std::pair<const char *, long>{"socket", AF_INET}, {"setsockopt", SO_BROADCAST},
-                           {"setsockopt", SO_REUSEADDR}, {"setsockopt", SO_RCVBUF},
+    for (auto [fn, arg] : {std::pair<const char *, long>{"socket", AF_INET},
+                           {"setsockopt", SO_BROADCAST},
+                           {"setsockopt", SO_REUSEADDR},
+                           {"setsockopt", SO_RCVBUF},
                            {"bind", long(FakeKind::Udp)}}) {
         size_t open = sys().openCount();
         sys().failCall(fn, 1, arg);
@@ -206,7 +215,8 @@ protected:
     {
         std::vector<std::string> out;
         for (auto &c : sys().calls)
-            if (c.rfind("recvmsg", 0) == 0 || c.rfind("recvfrom", 0) == 0 || c.rfind("accept", 0) == 0)
+            if (c.rfind("recvmsg", 0) == 0 || c.rfind("recvfrom", 0) == 0 ||
+                c.rfind("accept", 0) == 0)
                 out.push_back(c);
         sys().calls.clear();
         return out;
@@ -259,8 +269,9 @@ TEST_F(LoopTest, OnePassWatchesTheFourSocketsAndServesOneUnitOfEach)
     sys().netlink.push_back({});
     testing::internal::CaptureStderr();
     dhcpsnoop_main_pass();
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("[DHCPSNOOP]: recvfrom rt_socket  failed!"),
-              std::string::npos);
+    EXPECT_NE(
+        testing::internal::GetCapturedStderr().find("[DHCPSNOOP]: recvfrom rt_socket  failed!"),
+        std::string::npos);
     /* a loop after a failed start watches nothing */
     dhcpsnoop_shutdown();
     sys().failCall("socket", 1, AF_PACKET);
@@ -280,8 +291,10 @@ TEST_F(LoopTest, LeaseScanRunsOncePerMinuteNeverOnASlaveAndExpiresDynamicEntries
     }
     const uint32_t t0 = uint32_t(sys().now);
     /* 10.0.0.1 and 1.0.0.10 share a bucket: deleting one keeps the walk safe */
-    for (auto [a, type, lease] : {std::tuple{1, DHCPSNOOP_USER_DYNAMIC, 60u}, {2, DHCPSNOOP_USER_DYNAMIC, 200u},
-                                  {3, DHCPSNOOP_USER_STATIC, 60u}, {4, DHCPSNOOP_USER_IPSG, 0u}}) {
+    for (auto [a, type, lease] : {std::tuple{1, DHCPSNOOP_USER_DYNAMIC, 60u},
+                                  {2, DHCPSNOOP_USER_DYNAMIC, 200u},
+                                  {3, DHCPSNOOP_USER_STATIC, 60u},
+                                  {4, DHCPSNOOP_USER_IPSG, 0u}}) {
         DhcpsnoopUser *u = make_user(v4key(10, 0, 0, uint8_t(a)), type, 3, 1);
         u->leaseStart = t0;
         u->leaseTime = lease;
@@ -302,8 +315,10 @@ TEST_F(LoopTest, LeaseScanRunsOncePerMinuteNeverOnASlaveAndExpiresDynamicEntries
     EXPECT_EQ(model().debugCount(scan), 3u);
     EXPECT_TRUE(present(1));
     model().hwScalars[54] = 1;
-    for (auto [at, p1, p2, macUser] : {std::tuple{60u, false, true, true}, {119u, false, true, true},
-                                       {120u, false, true, false}, {200u, false, false, false}}) {
+    for (auto [at, p1, p2, macUser] : {std::tuple{60u, false, true, true},
+                                       {119u, false, true, true},
+                                       {120u, false, true, false},
+                                       {200u, false, false, false}}) {
         sys().now = t0 + at;
         dhcpsnoop_main_pass();
         EXPECT_EQ(std::tuple(present(1), present(2), present(3), present(4),
@@ -421,8 +436,10 @@ TEST_F(LoopTest, EmptyFailedAndMalformedReceivesAreDropped)
 
 TEST_F(LoopTest, RunningRoleFollowsThePlatformScalars)
 {
-    for (auto [s53, s54, role] : {std::tuple{0, 0, DHCPSNOOP_ROLE_MASTER}, {0, 1, DHCPSNOOP_ROLE_MASTER},
-                                  {1, 1, DHCPSNOOP_ROLE_NONE}, {5, 0, DHCPSNOOP_ROLE_SLAVE},
+    for (auto [s53, s54, role] : {std::tuple{0, 0, DHCPSNOOP_ROLE_MASTER},
+                                  {0, 1, DHCPSNOOP_ROLE_MASTER},
+                                  {1, 1, DHCPSNOOP_ROLE_NONE},
+                                  {5, 0, DHCPSNOOP_ROLE_SLAVE},
                                   {1, 0, DHCPSNOOP_ROLE_SLAVE}}) {
         model().hwScalars[53] = s53;
         model().hwScalars[54] = s54;
