@@ -1,4 +1,4 @@
-/* Management requests built with the codec, and readers of their replies. */
+/* Management requests built with the codec, and the daemon's answer to one. */
 #ifndef DHCPSNOOP_CMD_HELPERS_H
 #define DHCPSNOOP_CMD_HELPERS_H
 
@@ -6,51 +6,38 @@
 #include <string>
 #include <vector>
 
-#include "dhcpsnoop.h"
-
 using Bytes = std::vector<uint8_t>;
 
 Bytes u32_bytes(uint32_t v);
 Bytes text_bytes(const std::string &s);
+uint32_t word(const Bytes &b, size_t at); /* the 32-bit value there */
+/* The index items of a 20-byte user key: 1, 3 and 16 bytes. */
+std::vector<Bytes> key_items(const uint8_t *key);
 
-/* One request body.  `index` holds the index values, each sent behind its
- * 3-byte item header; `indexNum` defaults to their count. */
+/* One request (or reply) body.  Each index value goes behind its item header,
+ * typed 2 when it is 32 bits wide, else 0, as the front end sends them;
+ * `indexNum` defaults to their count. */
 struct CmdReq {
-    uint32_t func = 0;
-    uint32_t cmd = 0;
+    uint32_t func = 0, cmd = 0;
     std::vector<Bytes> index;
     uint8_t dataType = 2;
     Bytes data;
     int indexNum = -1;
+    int32_t rc = 0;
 };
 Bytes cmd_body(const CmdReq &r);
 
-/* Requests of each table: global (funcs 0-2), int32 index (interfaces and
- * VLANs), user key, server-ip pair. */
-Bytes global_req(uint32_t func, uint32_t cmd, uint8_t type, const Bytes &data);
-Bytes index_req(uint32_t func, uint32_t index, uint32_t cmd, uint8_t type, const Bytes &data);
-Bytes user_req(uint32_t func, const DhcpsnoopUserKey &key, uint32_t cmd, uint8_t type,
-               const Bytes &data);
-Bytes server_req(uint32_t func, uint32_t ifIndex, uint32_t ip, uint32_t cmd, uint8_t type,
-                 const Bytes &data);
+/* `req` answered as the daemon does: result `rc` and, from `pos`, these data
+ * items of one type in place of the request's. */
+Bytes answered(Bytes req, int32_t rc, size_t pos = 0, uint8_t type = 0,
+               const std::vector<Bytes> &items = {});
+/* Where the data item of a request begins: global or 32-bit index, user key,
+ * server pair. */
+constexpr size_t DATA_POS_INDEX = 26 + 7, DATA_POS_USER = 26 + 29, DATA_POS_SERVER = 26 + 14;
 
-/* Run dhcpsnoop_cmd_process on the body in a request buffer; the reply body
- * (its returned length of the buffer). */
+/* dhcpsnoop_cmd_process on the body in a request buffer: the reply body. */
 Bytes cmd_run(const Bytes &body);
-int32_t reply_result(const Bytes &reply);
-/* The data item at `pos`: type, and its value bytes. */
-struct DataItem {
-    uint8_t header, type;
-    Bytes value;
-};
-DataItem reply_item(const Bytes &reply, size_t pos);
-/* Where the data item of a request of that table begins. */
-constexpr size_t DATA_POS_GLOBAL = 26 + 7;
-constexpr size_t DATA_POS_INDEX = 26 + 7;
-constexpr size_t DATA_POS_USER = 26 + 4 + 6 + 19;
-constexpr size_t DATA_POS_SERVER = 26 + 14;
-
-/* The length-prefixed frame a client sends. */
+/* The length word and the body, as a client sends them. */
 Bytes framed(const Bytes &body);
 
 #endif
