@@ -1,6 +1,6 @@
-/* DHCPv4 through the daemon: frames enter through the fake packet sockets and
- * the loop; the frames that leave are compared whole, with the bindings, the
- * hardware records and the counters they leave behind. */
+/* Both families through the daemon: frames enter through the fake packet
+ * sockets and the loop; the frames that leave are compared whole, with the
+ * bindings, hardware records and counters they leave behind. */
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
 #include <netinet/in.h>
@@ -9,11 +9,13 @@
 
 #include "daemon_fixture.h"
 #include "dhcpsnoop_user.h"
+#include "frame6_helpers.h"
 #include "frame_helpers.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Outs = std::vector<std::pair<uint32_t, Bytes>>; /* egress port, frame */
 constexpr uint32_t CLIENT_PORT = 1, SERVER_PORT = 2, OTHER_PORT = 3;
 constexpr uint16_t VLAN = 10;
 constexpr uint32_t SERVER_IP = 0xC0000201;  /* 192.0.2.1 */
@@ -21,12 +23,7 @@ constexpr uint32_t CLIENT_IP = 0xC0000264;  /* 192.0.2.100 */
 constexpr uint32_t GATEWAY_IP = 0xC00002FE; /* 192.0.2.254 */
 const std::array<uint8_t, 6> CLIENT_MAC{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
 const std::array<uint8_t, 6> SERVER_MAC{0x02, 0xAA, 0xAA, 0xAA, 0xAA, 0x01};
-
-struct Out {
-    uint32_t ifIndex;
-    Bytes bytes;
-    bool operator==(const Out &o) const { return ifIndex == o.ifIndex && bytes == o.bytes; }
-};
+const std::array<uint8_t, 6> ATTACKER{0x02, 0x66, 0, 0, 0, 0x66};
 
 /* Option `code`'s data in a frame without tags (empty when absent). */
 Bytes option(const Bytes &f, uint8_t code)
@@ -42,8 +39,7 @@ protected:
     void SetUp() override
     {
         DaemonTest::SetUp();
-        model().hwScalars[53] = 1; /* role None */
-        model().hwScalars[54] = 1;
+        model().hwScalars[53] = model().hwScalars[54] = 1; /* role None */
         start(0, 16);
         model().vlanMembers[VLAN] = {CLIENT_PORT, SERVER_PORT, OTHER_PORT};
         client = enablePort(CLIENT_PORT);
@@ -54,17 +50,18 @@ protected:
     }
 
     /* One frame in on a port, one loop pass; the frames that left. */
-    std::vector<Out> inject(uint32_t port, const Dhcp4Frame &frame, uint16_t outerVid = VLAN)
+    Outs send(uint32_t port, const Bytes &bytes, bool v6, uint16_t vid, size_t l2)
     {
         FakeFrame f;
-        f.bytes = frame.build();
+        f.bytes = bytes;
         f.ingress = port;
-        f.outerVid = outerVid;
-        f.l2HdrLen = uint8_t(frame.l2Len());
-        sys().frames4.push_back(f);
+        f.sllIfindex = int(port);
+        f.outerVid = vid;
+        f.l2HdrLen = uint8_t(l2);
+        (v6 ? sys().frames6 : sys().frames4).push_back(f);
         sys().sent.clear();
         dhcpsnoop_main_pass();
-        std::vector<Out> out;
+        Outs out;
         for (auto &s : sys().sent) {
             struct sockaddr_ll ll {};
             memcpy(&ll, s.addr.data(), std::min(s.addr.size(), sizeof ll));
@@ -72,10 +69,15 @@ protected:
         }
         return out;
     }
+    Outs inject(uint32_t port, const Dhcp4Frame &f, uint16_t vid = VLAN)
+    {
+        return send(port, f.build(), false, vid, f.l2Len());
+    }
+    Outs inject(uint32_t port, const Dhcp6Frame &f) { return send(port, f.build(), true, VLAN, 14); }
 
     /* A client message; with `ciaddr` it names its address there, else in option 50. */
-    Dhcp4Frame fromClient(uint8_t type, uint32_t ciaddr = 0, std::array<uint8_t, 6> mac = CLIENT_MAC,
-                          uint32_t ip = CLIENT_IP)
+    static Dhcp4Frame fromClient(uint8_t type, uint32_t ciaddr = 0, std::array<uint8_t, 6> mac = CLIENT_MAC,
+                                 uint32_t ip = CLIENT_IP)
     {
         Dhcp4Frame f;
         f.src = f.chaddr = mac;
@@ -86,8 +88,8 @@ protected:
         return f.end();
     }
 
-    /* A server reply, not yet ended: `extra` options (e.g. option 82) follow. */
-    Dhcp4Frame fromServer(uint8_t type, uint32_t lease = 3600, uint32_t serverId = SERVER_IP)
+    /* A server reply, not yet ended. */
+    static Dhcp4Frame fromServer(uint8_t type, uint32_t lease = 3600, uint32_t serverId = SERVER_IP)
     {
         Dhcp4Frame f;
         f.src = SERVER_MAC;
@@ -97,20 +99,41 @@ protected:
         f.dport = 68;
         f.srcIp = SERVER_IP;
         f.dstIp = CLIENT_IP;
-        if (type != 6)
-            f.yiaddr = CLIENT_IP;
+        f.yiaddr = type != 6 ? CLIENT_IP : 0;
         f.msgType(type).opt(54, ipv4(serverId));
         if (type == 5 || type == 2)
             f.opt(51, ipv4(lease)).opt(3, ipv4(GATEWAY_IP));
         return f;
     }
 
-    DhcpsnoopUser *binding(uint32_t ip = CLIENT_IP)
+    static Dhcp6Frame fromClient6(uint8_t type, const Bytes &options, std::array<uint8_t, 6> mac = CLIENT_MAC)
+    {
+        Dhcp6Frame f;
+        f.src = mac;
+        f.type = type;
+        f.options = options;
+        return f;
+    }
+
+    static Dhcp6Frame reply6(const Bytes &options, uint8_t type = 7)
+    {
+        Dhcp6Frame f = fromClient6(type, options, SERVER_MAC);
+        f.sport = 547;
+        f.dport = 546;
+        f.dst = CLIENT_MAC;
+        f.srcIp = ip6("fe80::5e");
+        f.dstIp = ip6("fe80::c1");
+        return f;
+    }
+
+    DhcpsnoopUser *binding(uint32_t ip = CLIENT_IP) { return lookup(DHCPSNOOP_IPTYPE_V4, ipv4(ip).data()); }
+    DhcpsnoopUser *binding(const char *ip) { return lookup(DHCPSNOOP_IPTYPE_V6, ip6(ip).data()); }
+    DhcpsnoopUser *lookup(uint8_t type, const uint8_t *addr, bool add = false)
     {
         DhcpsnoopUserKey key{};
-        key.ipType = DHCPSNOOP_IPTYPE_V4;
-        memcpy(key.ipAddr, ipv4(ip).data(), 4);
-        return dhcpsnoop_user_lookup(&key);
+        key.ipType = type;
+        memcpy(key.ipAddr, addr, type == DHCPSNOOP_IPTYPE_V4 ? 4 : 16);
+        return add ? dhcpsnoop_user_table_add(&key) : dhcpsnoop_user_lookup(&key);
     }
 
     /* `f` with option 82 of `data` before its end option. */
@@ -121,6 +144,20 @@ protected:
     }
 
     DhcpsnoopIf *client = nullptr, *server = nullptr;
+};
+
+/* Both families snooped on all three ports. */
+class Path6Test : public PathTest {
+protected:
+    void SetUp() override
+    {
+        PathTest::SetUp();
+        other = enablePort(OTHER_PORT);
+        for (DhcpsnoopIf *e : {client, server, other})
+            dhcpsnoop_if_version_set(e, 3);
+        server->flags |= ifflag::TRUSTED;
+    }
+    DhcpsnoopIf *other = nullptr;
 };
 
 } // namespace
@@ -135,19 +172,16 @@ TEST_F(PathTest, DoraBindsTheClientAndKeepsRepliesOnItsPort)
     /* DISCOVER: out of the trusted port only, option 82 added */
     auto out = inject(CLIENT_PORT, fromClient(1));
     ASSERT_EQ(out.size(), 1u);
-    Bytes o82 = option(out[0].bytes, 82);
+    Bytes o82 = option(out[0].second, 82);
     ASSERT_FALSE(o82.empty());
-    EXPECT_EQ(out[0], (Out{SERVER_PORT, with82(fromClient(1), o82)}));
+    EXPECT_EQ(out, (Outs{{SERVER_PORT, with82(fromClient(1), o82)}}));
 
     /* OFFER without a binding and without a relay: flooded to the client side as it came */
-    Dhcp4Frame offer = fromServer(2).opt(82, o82).end();
-    out = inject(SERVER_PORT, offer);
-    EXPECT_EQ(out, (std::vector<Out>{{CLIENT_PORT, offer.build()}, {OTHER_PORT, offer.build()}}));
+    Bytes offer = fromServer(2).opt(82, o82).end().build();
+    EXPECT_EQ(inject(SERVER_PORT, fromServer(2).opt(82, o82).end()), (Outs{{CLIENT_PORT, offer}, {OTHER_PORT, offer}}));
 
     /* REQUEST: a provisional binding, forwarded to the server */
-    out = inject(CLIENT_PORT, fromClient(3));
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0], (Out{SERVER_PORT, with82(fromClient(3), o82)}));
+    EXPECT_EQ(inject(CLIENT_PORT, fromClient(3)), (Outs{{SERVER_PORT, with82(fromClient(3), o82)}}));
     DhcpsnoopUser *u = binding();
     ASSERT_NE(u, nullptr);
     EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_REQUESTED);
@@ -159,7 +193,7 @@ TEST_F(PathTest, DoraBindsTheClientAndKeepsRepliesOnItsPort)
     /* ACK: bound with the server's lease, installed, unicast without option 82 */
     size_t hwBefore = model().hwUserCalls.size();
     out = inject(SERVER_PORT, fromServer(5, 7200).opt(82, o82).end());
-    EXPECT_EQ(out, (std::vector<Out>{{CLIENT_PORT, fromServer(5, 7200).end().build()}}));
+    EXPECT_EQ(out, (Outs{{CLIENT_PORT, fromServer(5, 7200).end().build()}}));
     EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_BOUND);
     EXPECT_EQ(u->leaseTime, 7200u);
     /* the gateway as address bytes, in the event beside the client's and in its text */
@@ -211,32 +245,30 @@ TEST_F(PathTest, RelayingInterfaceSendsUdpAndUndoesTheRelayOnTheReply)
     inject(CLIENT_PORT, fromClient(1));
     Dhcp4Frame relayed = fromClient(1);
     relayed.giaddr = relay;
-    const Bytes frame = relayed.build();
-    const Bytes message(frame.begin() + 42, frame.end()); /* only the DHCP message */
-    std::vector<std::pair<uint32_t, Bytes>> udp;
+    const Bytes frame = relayed.build(), message(frame.begin() + 42, frame.end()); /* the DHCP message */
+    Outs udp;
     for (auto &s : sys().sent) {
-        if (s.fd != gDhcpsnoop.udpSock)
-            continue;
         struct sockaddr_in to {};
+        struct cmsghdr c {};
+        struct in_pktinfo pi {};
+        if (s.fd != gDhcpsnoop.udpSock || s.control.size() < CMSG_LEN(sizeof pi))
+            continue;
         memcpy(&to, s.addr.data(), std::min(s.addr.size(), sizeof to));
-        EXPECT_EQ(ntohs(to.sin_port), 67);
-        udp.push_back({ntohl(to.sin_addr.s_addr), s.bytes});
-        /* sent from the relay address */
-        struct cmsghdr c;
-        struct in_pktinfo pi;
-        ASSERT_GE(s.control.size(), CMSG_LEN(sizeof pi));
         memcpy(&c, s.control.data(), sizeof c);
         memcpy(&pi, s.control.data() + CMSG_LEN(0), sizeof pi);
+        /* to port 67, from the relay address */
+        EXPECT_EQ(ntohs(to.sin_port), 67);
         EXPECT_EQ(c.cmsg_level, IPPROTO_IP);
         EXPECT_EQ(c.cmsg_type, IP_PKTINFO);
         EXPECT_EQ(ntohl(pi.ipi_spec_dst.s_addr), relay);
+        udp.push_back({ntohl(to.sin_addr.s_addr), s.bytes});
     }
-    EXPECT_EQ(udp, (std::vector<std::pair<uint32_t, Bytes>>{{SERVER_IP, message}, {server2, message}}));
+    EXPECT_EQ(udp, (Outs{{SERVER_IP, message}, {server2, message}}));
     EXPECT_NE(dhcpsnoop_mac_user_lookup(CLIENT_MAC.data()), nullptr);
 
-    /* the server's OFFER comes back to the relay address: from it, to port 68 of the
-     * client's address, or broadcast when asked for or when there is no address */
-    struct Case {
+    /* the OFFER comes back to the relay address: from it, to port 68 of the client's
+     * address, or broadcast when asked for or when there is no address */
+    const struct {
         uint16_t flags;
         uint32_t yiaddr;
         bool broadcast;
@@ -250,13 +282,10 @@ TEST_F(PathTest, RelayingInterfaceSendsUdpAndUndoesTheRelayOnTheReply)
         Dhcp4Frame want = offer;
         want.srcIp = relay;
         want.dport = 68;
-        if (c.broadcast) {
-            want.dstIp = 0xFFFFFFFF;
+        want.dstIp = c.broadcast ? 0xFFFFFFFF : CLIENT_IP;
+        if (c.broadcast)
             want.dst.fill(0xFF);
-        } else {
-            want.dstIp = CLIENT_IP;
-        }
-        EXPECT_EQ(inject(SERVER_PORT, offer), (std::vector<Out>{{CLIENT_PORT, want.build()}}));
+        EXPECT_EQ(inject(SERVER_PORT, offer), (Outs{{CLIENT_PORT, want.build()}}));
     }
 
     /* the REQUEST turns the MAC user into a binding */
@@ -269,10 +298,8 @@ TEST_F(PathTest, NakReleaseAndDeclineRemoveBindings)
 {
     /* NAK from another server keeps the binding but still reaches its port */
     inject(CLIENT_PORT, fromClient(3));
-    ASSERT_NE(binding(), nullptr);
-    auto out = inject(SERVER_PORT, fromServer(6, 0, 0xC0000299).end());
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].ifIndex, CLIENT_PORT);
+    Dhcp4Frame nak = fromServer(6, 0, 0xC0000299).end();
+    EXPECT_EQ(inject(SERVER_PORT, nak), (Outs{{CLIENT_PORT, nak.build()}}));
     EXPECT_NE(binding(), nullptr);
     /* NAK from the server of the binding deletes it */
     EXPECT_EQ(inject(SERVER_PORT, fromServer(6).end()).size(), 1u);
@@ -286,10 +313,7 @@ TEST_F(PathTest, NakReleaseAndDeclineRemoveBindings)
     }
 
     /* a static binding survives a RELEASE */
-    DhcpsnoopUserKey key{};
-    key.ipType = DHCPSNOOP_IPTYPE_V4;
-    memcpy(key.ipAddr, ipv4(CLIENT_IP).data(), 4);
-    dhcpsnoop_user_table_add(&key)->userType = DHCPSNOOP_USER_STATIC;
+    lookup(DHCPSNOOP_IPTYPE_V4, ipv4(CLIENT_IP).data(), true)->userType = DHCPSNOOP_USER_STATIC;
     client->flags |= ifflag::USER_CHECK;
     EXPECT_EQ(inject(CLIENT_PORT, fromClient(7, CLIENT_IP)).size(), 1u);
     EXPECT_NE(binding(), nullptr);
@@ -299,7 +323,7 @@ TEST_F(PathTest, ClientChecksDropAndCount)
 {
     client->flags |= ifflag::SRC_MAC_CHECK | ifflag::USER_CHECK;
     Dhcp4Frame spoof = fromClient(1);
-    spoof.src = {0x02, 0, 0, 0, 0, 0x99};
+    spoof.src = ATTACKER;
     EXPECT_TRUE(inject(CLIENT_PORT, spoof).empty());
     EXPECT_EQ(client->counters[DHCPSNOOP_CNT_SRC_MAC], 1u);
 
@@ -329,14 +353,14 @@ TEST_F(PathTest, LimitsAndPoolExhaustionStopTheRequest)
     Dhcp4Frame bare;
     bare.src = bare.chaddr = CLIENT_MAC;
     EXPECT_EQ(inject(CLIENT_PORT, bare.msgType(3).end()).size(), 1u);
-    EXPECT_EQ(binding(0), nullptr);
+    EXPECT_EQ(binding(0u), nullptr);
     EXPECT_EQ(client->curUser, 0);
 
     client->maxUser = 1;
     inject(CLIENT_PORT, fromClient(3));
     ASSERT_NE(binding(), nullptr);
     EXPECT_EQ(client->curUser, 1);
-    EXPECT_TRUE(inject(CLIENT_PORT, fromClient(3, 0, {2, 0, 0, 0, 0, 2}, CLIENT_IP + 1)).empty());
+    EXPECT_TRUE(inject(CLIENT_PORT, fromClient(3, 0, ATTACKER, CLIENT_IP + 1)).empty());
     EXPECT_EQ(binding(CLIENT_IP + 1), nullptr);
     EXPECT_EQ(client->counters[DHCPSNOOP_CNT_TABLE_FULL], 1u);
     /* the platform's share of the pool is a port's limit from the start */
@@ -354,9 +378,8 @@ TEST_F(PathTest, LimitsAndPoolExhaustionStopTheRequest)
 
 TEST_F(PathTest, BindingGuardKeepsABoundEntryFromOtherPortsAndClients)
 {
-    const std::array<uint8_t, 6> ATTACKER{0x02, 0x66, 0, 0, 0, 0x66};
     DhcpsnoopIf *other = enablePort(OTHER_PORT);
-    struct Case {
+    const struct {
         const char *what;
         uint8_t guard;
         uint32_t port;
@@ -379,17 +402,15 @@ TEST_F(PathTest, BindingGuardKeepsABoundEntryFromOtherPortsAndClients)
         gDhcpsnoop.bindingGuard = 0;
         inject(CLIENT_PORT, fromClient(3));
         inject(SERVER_PORT, fromServer(5).end());
-        ASSERT_NE(binding(), nullptr);
         ASSERT_EQ(binding()->bindState, DHCPSNOOP_BIND_BOUND);
 
         gDhcpsnoop.bindingGuard = c.guard;
-        auto out = inject(c.port, fromClient(c.type, c.type == 3 ? 0 : CLIENT_IP,
-                                             c.attackerMac ? ATTACKER : CLIENT_MAC));
+        auto out = inject(c.port, fromClient(c.type, c.type == 3 ? 0 : CLIENT_IP, c.attackerMac ? ATTACKER : CLIENT_MAC));
         DhcpsnoopIf *in = c.port == CLIENT_PORT ? client : other;
         DhcpsnoopUser *u = binding();
-        bool intact = u && u->ifIndex == CLIENT_PORT && u->bindState == DHCPSNOOP_BIND_BOUND &&
-                      memcmp(u->mac, CLIENT_MAC.data(), 6) == 0;
-        EXPECT_EQ(intact, c.kept);
+        EXPECT_EQ(u && u->ifIndex == CLIENT_PORT && u->bindState == DHCPSNOOP_BIND_BOUND &&
+                      memcmp(u->mac, CLIENT_MAC.data(), 6) == 0,
+                  c.kept);
         EXPECT_EQ(out.size(), c.kept ? 0u : 1u);
         EXPECT_EQ(in->counters[DHCPSNOOP_CNT_GUARD], c.kept ? 1u : 0u);
         in->counters[DHCPSNOOP_CNT_GUARD] = 0;
@@ -405,7 +426,7 @@ TEST_F(PathTest, GrownFramesCarryNoStaleBytesAndAFullFrameNeverGrows)
     client->flags |= ifflag::OPTION82;
     auto out = inject(CLIENT_PORT, fromClient(1));
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].bytes, with82(fromClient(1), option(out[0].bytes, 82)));
+    EXPECT_EQ(out[0].second, with82(fromClient(1), option(out[0].second, 82)));
 
     /* a 2048-byte frame is forwarded as it is: no room for option 82 */
     Dhcp4Frame full = fromClient(1);
@@ -414,12 +435,12 @@ TEST_F(PathTest, GrownFramesCarryNoStaleBytesAndAFullFrameNeverGrows)
         full.opt(43, Bytes(250, uint8_t(i)));
     full.opt(43, Bytes(DHCPSNOOP_FRAME_MAX - full.build().size() - 3, 7)).end();
     ASSERT_EQ(full.build().size(), size_t(DHCPSNOOP_FRAME_MAX));
-    EXPECT_EQ(inject(CLIENT_PORT, full), (std::vector<Out>{{SERVER_PORT, full.build()}}));
+    EXPECT_EQ(inject(CLIENT_PORT, full), (Outs{{SERVER_PORT, full.build()}}));
 }
 
 TEST_F(PathTest, TagsFollowTheEgressPort)
 {
-    struct Case {
+    const struct {
         const char *what;
         std::vector<uint16_t> inTags, outTags;
         uint32_t untagged;
@@ -438,14 +459,13 @@ TEST_F(PathTest, TagsFollowTheEgressPort)
         model().ports[SERVER_PORT].untagged = c.untagged;
         model().ports[SERVER_PORT].tpid = c.tpid;
         server->flags = c.router ? server->flags | ifflag::ROUTER_MODE : server->flags & ~ifflag::ROUTER_MODE;
-        Dhcp4Frame f = fromClient(1);
+        Dhcp4Frame f = fromClient(1), want = f;
         f.vlans = c.inTags;
-        Dhcp4Frame want = f;
         want.vlans = c.outTags;
         Bytes w = want.build();
         if (c.tpid)
             w[12] = uint8_t(c.tpid >> 8), w[13] = uint8_t(c.tpid);
-        EXPECT_EQ(inject(CLIENT_PORT, f), (std::vector<Out>{{SERVER_PORT, w}}));
+        EXPECT_EQ(inject(CLIENT_PORT, f), (Outs{{SERVER_PORT, w}}));
     }
     /* an excluded port receives nothing, unless it is a router port */
     model().ports[SERVER_PORT].excluded = 1;
@@ -465,9 +485,7 @@ TEST_F(PathTest, VlanInterfaceVariants)
 
     /* a REQUEST on a member port without its own entry: learnt with the
      * member port and the VLAN interface's VLAN, sent out of trusted ports */
-    auto out = inject(memberPort, fromClient(3), vid);
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].ifIndex, SERVER_PORT);
+    EXPECT_EQ(inject(memberPort, fromClient(3), vid), (Outs{{SERVER_PORT, fromClient(3).build()}}));
     DhcpsnoopUser *u = binding();
     ASSERT_NE(u, nullptr);
     EXPECT_EQ(u->ifIndex, memberPort);
@@ -475,16 +493,16 @@ TEST_F(PathTest, VlanInterfaceVariants)
 
     /* the ACK's binding port has no entry: flooded to the VLAN's members,
      * but never back to the server's port */
-    out = inject(SERVER_PORT, fromServer(5).end(), vid);
+    auto out = inject(SERVER_PORT, fromServer(5).end(), vid);
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].ifIndex, memberPort);
+    EXPECT_EQ(out[0].first, memberPort);
     EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_BOUND);
 
     /* once the member port snoops by itself its frames are the port's */
     enablePort(memberPort);
     out = inject(memberPort, fromClient(1), vid);
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].ifIndex, SERVER_PORT);
+    EXPECT_EQ(out[0].first, SERVER_PORT);
 }
 
 TEST_F(PathTest, DispatchTraceAndFamilyCheck)
@@ -514,11 +532,104 @@ TEST_F(PathTest, DispatchTraceAndFamilyCheck)
     EXPECT_EQ(model().debugCount("Dhcp request packet, type value 0(unknow)."), 1u);
 
     /* a frame the parser refuses */
-    FakeFrame f;
-    f.bytes.assign(60, 0);
-    f.ingress = CLIENT_PORT;
-    sys().frames4.push_back(f);
     model().debugText.clear();
-    dhcpsnoop_main_pass();
+    send(CLIENT_PORT, Bytes(60, 0), false, VLAN, 14);
     EXPECT_EQ(model().debugCount("Parse packet error, stop process!"), 1u);
+}
+
+TEST_F(Path6Test, RequestAndReplyLearnAndBindAddresses)
+{
+    client->flags |= ifflag::OPTION18 | ifflag::OPTION37;
+    const char *addrs[] = {"2001:db8::10", "2001:db8::11"};
+    auto ia = ia_na6(7, cat({iaaddr6(ip6(addrs[0]), 100, 200), iaaddr6(ip6(addrs[1]), 100, 200)}));
+    auto out = inject(CLIENT_PORT, fromClient6(3, ia));
+    ASSERT_EQ(out.size(), 1u);
+    /* options 18 and 37 (their layouts are the option tests') are added at the end */
+    const Bytes &toServer = out[0].second;
+    ASSERT_EQ(find_opts6(toServer, 14, 18).size(), 1u);
+    const Bytes relayOpts(toServer.begin() + long(find_opts6(toServer, 14, 18)[0]), toServer.end());
+    ASSERT_EQ(relayOpts.size(), 24u + 28u);
+    EXPECT_EQ(relayOpts[25], 37);
+    EXPECT_EQ(out, (Outs{{SERVER_PORT, fromClient6(3, cat({ia, relayOpts})).build()}}));
+    for (const char *a : addrs) {
+        DhcpsnoopUser *u = binding(a);
+        ASSERT_NE(u, nullptr) << a;
+        EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_REQUESTED);
+        EXPECT_EQ(u->leaseTime, 60u);
+        EXPECT_EQ(u->ifIndex, CLIENT_PORT);
+        EXPECT_EQ(memcmp(u->mac, CLIENT_MAC.data(), 6), 0);
+    }
+
+    /* the REPLY echoes options 18 and 37: it goes to the client's port only,
+     * without them, and binds both addresses */
+    auto replyIa = ia_na6(7, cat({iaaddr6(ip6(addrs[0]), 1800, 3600), iaaddr6(ip6(addrs[1]), 1800, 3600)}));
+    out = inject(SERVER_PORT, reply6(cat({replyIa, relayOpts})));
+    EXPECT_EQ(out, (Outs{{CLIENT_PORT, reply6(replyIa).build()}}));
+    for (const char *a : addrs) {
+        ASSERT_NE(binding(a), nullptr) << a;
+        EXPECT_EQ(binding(a)->bindState, DHCPSNOOP_BIND_BOUND);
+        EXPECT_EQ(binding(a)->leaseTime, 3600u);
+    }
+    /* IPv6 bindings never produce a user event */
+    EXPECT_TRUE(model().netlinkSends.empty());
+
+    /* with the binding guard, another port's REQUEST or RELEASE of a bound
+     * address is dropped and counted, and the binding stays the client's */
+    gDhcpsnoop.bindingGuard = 1;
+    for (uint8_t type : {3, 8}) {
+        EXPECT_TRUE(inject(OTHER_PORT, fromClient6(type, ia_na6(9, iaaddr6(ip6(addrs[1]), 0, 0)), ATTACKER)).empty());
+        ASSERT_NE(binding(addrs[1]), nullptr) << int(type);
+        EXPECT_EQ(binding(addrs[1])->ifIndex, CLIENT_PORT);
+    }
+    EXPECT_EQ(other->counters[DHCPSNOOP_CNT_GUARD], 2u);
+
+    /* a zero lifetime removes one; a RELEASE the other */
+    inject(SERVER_PORT, reply6(ia_na6(7, iaaddr6(ip6(addrs[0]), 0, 0))));
+    EXPECT_EQ(binding(addrs[0]), nullptr);
+    inject(CLIENT_PORT, fromClient6(8, ia_na6(7, iaaddr6(ip6(addrs[1]), 0, 0))));
+    EXPECT_EQ(binding(addrs[1]), nullptr);
+}
+
+TEST_F(Path6Test, FailureStatusesAndIaTa)
+{
+    /* a failed IA is skipped entirely */
+    inject(CLIENT_PORT, fromClient6(3, ia_na6(1, cat({status6(2), iaaddr6(ip6("2001:db8::20"), 1, 1)}))));
+    EXPECT_EQ(binding("2001:db8::20"), nullptr);
+    /* a failure status inside one address also holds for the later ones */
+    inject(CLIENT_PORT, fromClient6(3, cat({ia_na6(1, iaaddr6(ip6("2001:db8::21"), 1, 1, status6(3))),
+                                            ia_na6(2, iaaddr6(ip6("2001:db8::22"), 1, 1))})));
+    EXPECT_EQ(binding("2001:db8::21"), nullptr);
+    EXPECT_EQ(binding("2001:db8::22"), nullptr);
+    /* IA_TA addresses are learnt as well */
+    inject(CLIENT_PORT, fromClient6(1, ia_ta6(3, iaaddr6(ip6("2001:db8::23"), 1, 1))));
+    EXPECT_NE(binding("2001:db8::23"), nullptr);
+    /* RENEW is forwarded without IA processing */
+    EXPECT_EQ(inject(CLIENT_PORT, fromClient6(5, ia_na6(4, iaaddr6(ip6("2001:db8::24"), 1, 1)))).size(), 1u);
+    EXPECT_EQ(binding("2001:db8::24"), nullptr);
+    /* a RELEASE leaves a static entry alone */
+    lookup(DHCPSNOOP_IPTYPE_V6, ip6("2001:db8::25").data(), true)->userType = DHCPSNOOP_USER_STATIC;
+    inject(CLIENT_PORT, fromClient6(8, ia_na6(5, iaaddr6(ip6("2001:db8::25"), 1, 1))));
+    EXPECT_NE(binding("2001:db8::25"), nullptr);
+}
+
+TEST_F(Path6Test, UntrustedRepliesAreDroppedAndUnknownClientsFlooded)
+{
+    inject(CLIENT_PORT, fromClient6(3, ia_na6(1, iaaddr6(ip6("2001:db8::30"), 1, 1))));
+    const Bytes r = reply6(ia_na6(1, iaaddr6(ip6("2001:db8::30"), 1, 900))).build();
+    /* on an untrusted port nothing is sent or bound */
+    EXPECT_TRUE(send(OTHER_PORT, r, true, VLAN, 14).empty());
+    EXPECT_EQ(binding("2001:db8::30")->bindState, DHCPSNOOP_BIND_REQUESTED);
+    /* without relay information the reply floods the VLAN */
+    EXPECT_EQ(send(SERVER_PORT, r, true, VLAN, 14), (Outs{{CLIENT_PORT, r}, {OTHER_PORT, r}}));
+    EXPECT_EQ(binding("2001:db8::30")->leaseTime, 900u);
+    /* an option 18 that matches no interface: flooded too, option kept */
+    const Bytes unknown = reply6(opt6(18, {9, 9, 9})).build();
+    EXPECT_EQ(send(SERVER_PORT, unknown, true, VLAN, 14), (Outs{{CLIENT_PORT, unknown}, {OTHER_PORT, unknown}}));
+
+    /* ADVERTISE and RECONFIGURE take the server path */
+    for (uint8_t type : {2, 10}) {
+        model().debugText.clear();
+        inject(OTHER_PORT, reply6({}, type));
+        EXPECT_EQ(model().debugCount("Port state is untrust, stop process!"), 1u) << int(type);
+    }
 }
