@@ -97,58 +97,74 @@ protected:
 
 } // namespace
 
-TEST_F(Option82Test, SubOptionsByModeTextAndFallback)
+TEST_F(Option82Test, InsertedByModeTextAndFallbackThenStrippedBackToTheOriginal)
 {
-    struct Case {
-        bool remote;
-        uint8_t ifMode;
-        std::string ifText;
+    const std::string TMPL = "%s.%c.%d:%N";
+    struct Side {
+        uint8_t mode; /* the interface's; 0: the global one */
+        std::string text;
         uint16_t globalMode;
         std::string globalText;
-        Bytes expected; /* the whole sub-option, or empty when none is built */
-    } cases[] = {
-        {false, 3, "", 3, "", cat({{1, 8, 0, 6}, GENERATED})},
-        {false, 4, "", 3, "", cat({{1, 6}, GENERATED})},
-        {false, 3, "port7", 3, "", cat({{1, 7, 1, 5}, str("port7")})},
-        {false, 4, "port7", 3, "", cat({{1, 5}, str("port7")})},
-        {false, 5, "%s/%c", 3, "", cat({{1, 5}, str("291/0")})},
-        {false, 5, std::string(1, '\0'), 3, "", {}},
-        {false, 0, "", 4, "GLOB", cat({{1, 6}, GENERATED})},
-        /* the interface's own text length decides, the global text is used */
-        {false, 0, "abc", 3, "GLOB", cat({{1, 6, 1, 4}, str("GLOB")})},
-        {false, 0, "", 5, "%l", {1, 1, '0'}},
-        {false, 1, "port7", 3, "", {}},
-        {false, 0, "", 3, std::string(256, 'g'), cat({{1, 8, 0, 6}, GENERATED})},
-        {false, 0, "x", 3, std::string(256, 'g'), {}}, /* 258 bytes cannot be carried */
-        {true, 3, "", 3, "", cat({{2, 8, 0, 6}, MAC})},
-        {true, 4, "", 3, "", cat({{2, 6}, MAC})},
-        {true, 4, "abc", 3, "", cat({{2, 3}, str("abc")})},
-        {true, 0, "", 5, "%d", cat({{2, 6}, MAC})},
     };
-    parse(frame(1));
+    const Side NONE{1, "", 3, ""};
+    const struct {
+        Side circuit, remote;
+        bool subopt9;
+        Bytes expected; /* option 82's data; empty: nothing inserted */
+    } cases[] = {
+        {{3, "", 3, ""}, NONE, false, cat({{1, 8, 0, 6}, GENERATED})},
+        {{4, "", 3, ""}, NONE, false, cat({{1, 6}, GENERATED})},
+        {{3, "port7", 3, ""}, NONE, false, cat({{1, 7, 1, 5}, str("port7")})},
+        {{4, "port7", 3, ""}, NONE, false, cat({{1, 5}, str("port7")})},
+        {{5, "%s/%c", 3, ""}, NONE, false, cat({{1, 5}, str("291/0")})},
+        {{5, std::string(1, '\0'), 3, ""}, NONE, false, {}},
+        {{0, "", 4, "GLOB"}, NONE, false, cat({{1, 6}, GENERATED})},
+        /* the interface's own text length decides, the global text is used */
+        {{0, "abc", 3, "GLOB"}, NONE, false, cat({{1, 6, 1, 4}, str("GLOB")})},
+        {{0, "", 5, "%l"}, NONE, false, {1, 1, '0'}},
+        {{1, "port7", 3, ""}, NONE, false, {}},
+        {{0, "", 3, std::string(256, 'g')}, NONE, false, cat({{1, 8, 0, 6}, GENERATED})},
+        {{0, "x", 3, std::string(256, 'g')}, NONE, false, {}}, /* 258 bytes cannot be carried */
+        {NONE, {3, "", 3, ""}, false, cat({{2, 8, 0, 6}, MAC})},
+        {NONE, {4, "", 3, ""}, false, cat({{2, 6}, MAC})},
+        {NONE, {4, "abc", 3, ""}, false, cat({{2, 3}, str("abc")})},
+        {NONE, {0, "", 5, "%d"}, false, cat({{2, 6}, MAC})},
+        {{3, "port7", 3, TMPL}, {3, "abc", 3, "%d"}, false,
+         cat({{1, 7, 1, 5}, str("port7"), {2, 5, 1, 3}, str("abc")})},
+        {{4, "", 3, TMPL}, {4, "", 3, "%d"}, false, cat({{1, 6}, GENERATED, {2, 6}, MAC})},
+        {{4, "port7", 3, TMPL}, {4, "abc", 3, "%d"}, true,
+         cat({{1, 5}, str("port7"), {2, 3}, str("abc"), {9, 10}, ENT, {5, 1, 3}, str("sw1")})},
+        {{0, "", 5, TMPL}, {0, "", 5, "%d"}, false, cat({{1, 21}, str("291.0."), MAC, str(":ge-0/0/5"), {2, 6}, MAC})},
+        {{5, "%N", 3, TMPL}, {5, "%s", 3, "%d"}, false, cat({{1, 8}, str("ge-0/0/5"), {2, 3}, str("291")})},
+    };
+    const Bytes original = frame(1);
     for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.remote << " " << int(c.ifMode) << " '" << c.ifText << "'");
-        uint8_t out[300];
-        uint32_t n;
-        if (c.remote) {
-            ifp.remoteIdFmt = c.ifMode;
-            set_text(ifp.remoteId, ifp.remoteIdLen, c.ifText);
-            set_global(gDhcpsnoop.remoteIdFmt, c.globalMode, c.globalText);
-            n = dhcpsnoop_build_subopt_remoteid(&pf->info, out, sizeof out);
-        } else {
-            ifp.circuitIdFmt = c.ifMode;
-            set_text(ifp.circuitId, ifp.circuitIdLen, c.ifText);
-            set_global(gDhcpsnoop.circuitIdFmt, c.globalMode, c.globalText);
-            n = dhcpsnoop_build_subopt_circid(&pf->info, out, sizeof out);
+        SCOPED_TRACE(testing::Message() << int(c.circuit.mode) << " '" << c.circuit.text << "' "
+                                        << int(c.remote.mode) << " '" << c.remote.text << "'");
+        ifp.circuitIdFmt = c.circuit.mode;
+        ifp.remoteIdFmt = c.remote.mode;
+        set_text(ifp.circuitId, ifp.circuitIdLen, c.circuit.text);
+        set_text(ifp.remoteId, ifp.remoteIdLen, c.remote.text);
+        set_global(gDhcpsnoop.circuitIdFmt, c.circuit.globalMode, c.circuit.globalText);
+        set_global(gDhcpsnoop.remoteIdFmt, c.remote.globalMode, c.remote.globalText);
+        ifp.flags = c.subopt9 ? ifp.flags | ifflag::SUBOPT9 : ifp.flags & ~ifflag::SUBOPT9;
+        parse(original);
+        ASSERT_EQ(dhcpsnoop_process_option82(&pf->info), 0);
+        if (c.expected.empty()) {
+            EXPECT_EQ(pf->bytes(), original);
+            continue;
         }
-        EXPECT_EQ(Bytes(out, out + n), c.expected);
+        const Bytes inserted = frame(1, cat({{82, uint8_t(c.expected.size())}, c.expected}));
+        EXPECT_EQ(pf->bytes(), inserted);
+        parse(inserted);
+        dhcpsnoop_strip_option(&pf->info);
+        EXPECT_EQ(pf->info.opt82, nullptr);
+        EXPECT_EQ(pf->bytes(), original) << "strip undoes the insertion exactly";
     }
-    /* a sub-option that does not fit the room is not built */
-    uint8_t out[7];
-    EXPECT_EQ(dhcpsnoop_build_subopt_remoteid(&pf->info, out, sizeof out), 0u);
 }
 
-TEST_F(Option82Test, SubOption9CarriesTextOrHostName)
+
+TEST_F(Option82Test, SubOption9CarriesTextOrHostNameAndNothingIsBuiltWithoutRoom)
 {
     uint8_t out[137];
     EXPECT_EQ(dhcpsnoop_build_subopt9(out, &ifp, 1), 0u) << "switched off";
@@ -168,47 +184,9 @@ TEST_F(Option82Test, SubOption9CarriesTextOrHostName)
     EXPECT_EQ(Bytes(out, out + n), cat({{9, 135}, ENT, {130, 1, 128}, Bytes(128, 'h')}));
     sim_model().hasHostname = false;
     EXPECT_EQ(dhcpsnoop_build_subopt9(out, &ifp, 1), 0u);
-}
-
-TEST_F(Option82Test, InsertedInEachModeThenStrippedBackToTheOriginal)
-{
-    struct Case {
-        const char *name;
-        uint8_t mode;
-        std::string circuit, remote;
-        uint16_t globalMode;
-        bool subopt9;
-        Bytes expected; /* option 82's data */
-    } cases[] = {
-        {"typed generated", 3, "", "", 3, false, cat({{1, 8, 0, 6}, GENERATED, {2, 8, 0, 6}, MAC})},
-        {"typed texts", 3, "port7", "abc", 3, false,
-         cat({{1, 7, 1, 5}, str("port7"), {2, 5, 1, 3}, str("abc")})},
-        {"raw generated", 4, "", "", 3, false, cat({{1, 6}, GENERATED, {2, 6}, MAC})},
-        {"raw texts with host name", 4, "port7", "abc", 3, true,
-         cat({{1, 5}, str("port7"), {2, 3}, str("abc"), {9, 10}, ENT, {5, 1, 3}, str("sw1")})},
-        {"global templates", 0, "", "", 5, false,
-         cat({{1, 21}, str("291.0."), MAC, str(":ge-0/0/5"), {2, 6}, MAC})},
-        {"interface templates", 5, "%N", "%s", 3, false,
-         cat({{1, 8}, str("ge-0/0/5"), {2, 3}, str("291")})},
-    };
-    const Bytes original = frame(1);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        ifp.circuitIdFmt = ifp.remoteIdFmt = c.mode;
-        set_text(ifp.circuitId, ifp.circuitIdLen, c.circuit);
-        set_text(ifp.remoteId, ifp.remoteIdLen, c.remote);
-        set_global(gDhcpsnoop.circuitIdFmt, c.globalMode, "%s.%c.%d:%N");
-        set_global(gDhcpsnoop.remoteIdFmt, c.globalMode, "%d");
-        ifp.flags = c.subopt9 ? ifp.flags | ifflag::SUBOPT9 : ifp.flags & ~ifflag::SUBOPT9;
-        parse(original);
-        ASSERT_EQ(dhcpsnoop_process_option82(&pf->info), 0);
-        const Bytes inserted = frame(1, cat({{82, uint8_t(c.expected.size())}, c.expected}));
-        EXPECT_EQ(pf->bytes(), inserted);
-        parse(inserted);
-        dhcpsnoop_strip_option(&pf->info);
-        EXPECT_EQ(pf->info.opt82, nullptr);
-        EXPECT_EQ(pf->bytes(), original) << "strip undoes the insertion exactly";
-    }
+    /* a sub-option that does not fit the room is not built */
+    parse(frame(1));
+    EXPECT_EQ(dhcpsnoop_build_subopt_remoteid(&pf->info, out, 7), 0u);
 }
 
 TEST_F(Option82Test, EmptyOversizedOrTooLongOptionIsNotInserted)
