@@ -184,9 +184,12 @@ TEST_F(Option82Test, SubOption9CarriesTextOrHostNameAndNothingIsBuiltWithoutRoom
     EXPECT_EQ(Bytes(out, out + n), cat({{9, 135}, ENT, {130, 1, 128}, Bytes(128, 'h')}));
     sim_model().hasHostname = false;
     EXPECT_EQ(dhcpsnoop_build_subopt9(out, &ifp, 1), 0u);
-    /* a sub-option that does not fit the room is not built */
+    /* a sub-option that does not fit the room, or has no interface, is not built */
     parse(frame(1));
     EXPECT_EQ(dhcpsnoop_build_subopt_remoteid(&pf->info, out, 7), 0u);
+    pf->info.ifp = nullptr;
+    EXPECT_EQ(dhcpsnoop_build_subopt_remoteid(&pf->info, out, sizeof out), 0u);
+    EXPECT_EQ(dhcpsnoop_build_subopt_circid(&pf->info, out, sizeof out), 0u);
 }
 
 TEST_F(Option82Test, EmptyOversizedOrTooLongOptionIsNotInserted)

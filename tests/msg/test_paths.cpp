@@ -535,6 +535,11 @@ TEST_F(PathTest, DispatchTraceAndFamilyCheck)
     model().debugText.clear();
     send(CLIENT_PORT, Bytes(60, 0), false, VLAN, 14);
     EXPECT_EQ(model().debugCount("Parse packet error, stop process!"), 1u);
+
+    /* IP version 6 behind the IPv4 EtherType has no BOOTP message to act on */
+    Bytes v6 = Dhcp6Frame().build();
+    v6[12] = 0x08, v6[13] = 0x00;
+    EXPECT_TRUE(send(CLIENT_PORT, v6, false, VLAN, 14).empty());
 }
 
 TEST_F(Path6Test, RequestAndReplyLearnAndBindAddresses)
