@@ -2,21 +2,32 @@
 
 #include <arpa/inet.h>
 
-#include <cstring>
 #include <stdexcept>
 
 namespace {
-void put16(std::vector<uint8_t> &v, uint32_t x)
+std::vector<uint8_t> be(uint32_t x, int bytes)
 {
-    v.push_back(uint8_t(x >> 8));
-    v.push_back(uint8_t(x));
-}
-void put32(std::vector<uint8_t> &v, uint32_t x)
-{
-    put16(v, x >> 16);
-    put16(v, x);
+    std::vector<uint8_t> v;
+    for (int i = bytes - 1; i >= 0; i--)
+        v.push_back(uint8_t(x >> (8 * i)));
+    return v;
 }
 uint32_t get16(const uint8_t *p) { return uint32_t(p[0]) << 8 | p[1]; }
+
+/* The folded sum of the UDP datagram at `ip + 40` and its pseudo-header. */
+uint32_t udp6_sum(const uint8_t *ip, uint32_t len)
+{
+    uint32_t sum = len + 17;
+    for (int i = 8; i < 40; i += 2)
+        sum += get16(ip + i);
+    for (uint32_t i = 0; i + 1 < len; i += 2)
+        sum += get16(ip + 40 + i);
+    if (len % 2)
+        sum += uint32_t(ip[40 + len - 1]) << 8;
+    while (sum >> 16)
+        sum = (sum & 0xFFFF) + (sum >> 16);
+    return sum;
+}
 } // namespace
 
 Ip6 ip6(const char *text)
@@ -27,15 +38,6 @@ Ip6 ip6(const char *text)
     return a;
 }
 
-std::vector<uint8_t> opt6(uint16_t code, const std::vector<uint8_t> &data)
-{
-    std::vector<uint8_t> v;
-    put16(v, code);
-    put16(v, uint32_t(data.size()));
-    v.insert(v.end(), data.begin(), data.end());
-    return v;
-}
-
 std::vector<uint8_t> cat(std::initializer_list<std::vector<uint8_t>> parts)
 {
     std::vector<uint8_t> v;
@@ -44,130 +46,67 @@ std::vector<uint8_t> cat(std::initializer_list<std::vector<uint8_t>> parts)
     return v;
 }
 
+std::vector<uint8_t> opt6(uint16_t code, const std::vector<uint8_t> &data)
+{
+    return cat({be(code, 2), be(uint32_t(data.size()), 2), data});
+}
+
 std::vector<uint8_t> iaaddr6(const Ip6 &addr, uint32_t preferred, uint32_t valid,
                              const std::vector<uint8_t> &inner)
 {
-    std::vector<uint8_t> d(addr.begin(), addr.end());
-    put32(d, preferred);
-    put32(d, valid);
-    d.insert(d.end(), inner.begin(), inner.end());
-    return opt6(5, d);
+    return opt6(5, cat({{addr.begin(), addr.end()}, be(preferred, 4), be(valid, 4), inner}));
 }
 
 std::vector<uint8_t> ia_na6(uint32_t iaid, const std::vector<uint8_t> &inner)
 {
-    std::vector<uint8_t> d;
-    put32(d, iaid);
-    put32(d, 1800);
-    put32(d, 2880);
-    d.insert(d.end(), inner.begin(), inner.end());
-    return opt6(3, d);
+    return opt6(3, cat({be(iaid, 4), be(1800, 4), be(2880, 4), inner}));
 }
 
 std::vector<uint8_t> ia_ta6(uint32_t iaid, const std::vector<uint8_t> &inner)
 {
-    std::vector<uint8_t> d;
-    put32(d, iaid);
-    d.insert(d.end(), inner.begin(), inner.end());
-    return opt6(4, d);
+    return opt6(4, cat({be(iaid, 4), inner}));
 }
 
-std::vector<uint8_t> status6(uint16_t code)
-{
-    std::vector<uint8_t> d;
-    put16(d, code);
-    return opt6(13, d);
-}
+std::vector<uint8_t> status6(uint16_t code) { return opt6(13, be(code, 2)); }
 
 Dhcp6Frame &Dhcp6Frame::opt(uint16_t code, const std::vector<uint8_t> &data)
 {
-    auto o = opt6(code, data);
-    options.insert(options.end(), o.begin(), o.end());
+    options = cat({options, opt6(code, data)});
     return *this;
 }
 
 std::vector<uint8_t> Dhcp6Frame::build() const
 {
-    std::vector<uint8_t> f(dst.begin(), dst.end());
-    f.insert(f.end(), src.begin(), src.end());
-    for (uint16_t v : vlans) {
-        put16(f, 0x8100);
-        put16(f, v);
-    }
-    put16(f, 0x86DD);
-    std::vector<uint8_t> udp;
-    put16(udp, sport);
-    put16(udp, dport);
+    std::vector<uint8_t> f = cat({{dst.begin(), dst.end()}, {src.begin(), src.end()}});
+    for (uint16_t v : vlans)
+        f = cat({f, {0x81, 0}, be(v, 2)});
     uint32_t udpLen = 8 + 4 + uint32_t(options.size());
-    put16(udp, udpLen);
-    put16(udp, 0);
-    udp.push_back(type);
-    udp.push_back(uint8_t(xid >> 16));
-    udp.push_back(uint8_t(xid >> 8));
-    udp.push_back(uint8_t(xid));
-    udp.insert(udp.end(), options.begin(), options.end());
-    /* checksum over the pseudo-header */
-    std::vector<uint8_t> ps(srcIp.begin(), srcIp.end());
-    ps.insert(ps.end(), dstIp.begin(), dstIp.end());
-    put32(ps, udpLen);
-    put32(ps, 17);
-    ps.insert(ps.end(), udp.begin(), udp.end());
-    uint32_t sum = 0;
-    for (size_t i = 0; i + 1 < ps.size(); i += 2)
-        sum += get16(&ps[i]);
-    if (ps.size() % 2)
-        sum += uint32_t(ps.back()) << 8;
-    while (sum >> 16)
-        sum = (sum & 0xFFFF) + (sum >> 16);
-    uint16_t ck = uint16_t(~sum);
-    udp[6] = uint8_t(ck >> 8);
-    udp[7] = uint8_t(ck);
-
-    uint32_t payload = uint32_t(ext.size() + udp.size());
-    f.push_back(0x60);
-    f.push_back(0);
-    put16(f, 0);
-    put16(f, payload);
-    f.push_back(ext.empty() ? 17 : nextHeader);
-    f.push_back(1);
-    f.insert(f.end(), srcIp.begin(), srcIp.end());
-    f.insert(f.end(), dstIp.begin(), dstIp.end());
-    f.insert(f.end(), ext.begin(), ext.end());
-    f.insert(f.end(), udp.begin(), udp.end());
+    size_t ipAt = f.size() + 2, udpAt = ipAt + 40 + ext.size();
+    f = cat({f, {0x86, 0xDD, 0x60, 0, 0, 0}, be(uint32_t(ext.size()) + udpLen, 2),
+             {uint8_t(ext.empty() ? 17 : nextHeader), 1}, {srcIp.begin(), srcIp.end()},
+             {dstIp.begin(), dstIp.end()}, ext, be(sport, 2), be(dport, 2), be(udpLen, 2), {0, 0},
+             be(uint32_t(type) << 24 | (xid & 0xFFFFFF), 4), options});
+    /* the checksum over the pseudo-header, as if UDP followed the fixed header */
+    std::vector<uint8_t> plain = cat({{f.begin() + long(ipAt), f.begin() + long(ipAt) + 40},
+                                      {f.begin() + long(udpAt), f.end()}});
+    uint16_t ck = uint16_t(~udp6_sum(plain.data(), udpLen));
+    f[udpAt + 6] = uint8_t(ck >> 8);
+    f[udpAt + 7] = uint8_t(ck);
     f.insert(f.end(), pad, 0);
     return f;
 }
 
-uint16_t ip6_payload_len(const uint8_t *frame, size_t l2) { return uint16_t(get16(frame + l2 + 4)); }
-uint16_t udp6_len(const uint8_t *frame, size_t l2) { return uint16_t(get16(frame + l2 + 40 + 4)); }
-
 bool udp6_checksum_ok(const uint8_t *frame, size_t l2)
 {
-    const uint8_t *ip = frame + l2;
-    uint32_t len = get16(ip + 40 + 4);
-    uint32_t sum = 0;
-    for (int i = 8; i < 40; i += 2)
-        sum += get16(ip + i);
-    sum += len + 17;
-    const uint8_t *udp = ip + 40;
-    for (uint32_t i = 0; i + 1 < len; i += 2)
-        sum += get16(udp + i);
-    if (len % 2)
-        sum += uint32_t(udp[len - 1]) << 8;
-    while (sum >> 16)
-        sum = (sum & 0xFFFF) + (sum >> 16);
-    return sum == 0xFFFF;
+    return udp6_sum(frame + l2, get16(frame + l2 + 40 + 4)) == 0xFFFF;
 }
 
 std::vector<size_t> find_opts6(const std::vector<uint8_t> &f, size_t l2, uint16_t code)
 {
     std::vector<size_t> out;
     size_t end = l2 + 40 + get16(&f[l2 + 4]);
-    size_t pos = l2 + 40 + 8 + 4;
-    while (pos + 4 <= end && pos + 4 <= f.size()) {
+    for (size_t pos = l2 + 40 + 8 + 4; pos + 4 <= end && pos + 4 <= f.size(); pos += 4 + get16(&f[pos + 2]))
         if (get16(&f[pos]) == code)
             out.push_back(pos);
-        pos += 4 + get16(&f[pos + 2]);
-    }
     return out;
 }

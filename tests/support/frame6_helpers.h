@@ -41,8 +41,6 @@ std::vector<uint8_t> cat(std::initializer_list<std::vector<uint8_t>> parts);
 
 /* Recomputed from the frame alone. */
 bool udp6_checksum_ok(const uint8_t *frame, size_t l2Len);
-uint16_t ip6_payload_len(const uint8_t *frame, size_t l2Len);
-uint16_t udp6_len(const uint8_t *frame, size_t l2Len);
 /* Offsets of the top-level options of `code` in a frame without extension headers. */
 std::vector<size_t> find_opts6(const std::vector<uint8_t> &frame, size_t l2Len, uint16_t code);
 

@@ -20,7 +20,7 @@ void push32(std::vector<uint8_t> &v, uint32_t x)
 
 uint32_t rd16(const uint8_t *p) { return uint32_t(p[0]) << 8 | p[1]; }
 
-/* RFC 1071 sum, unfolded-then-folded, without the final complement. */
+/* RFC 1071 sum, folded, without the final complement. */
 uint32_t ones_sum(const uint8_t *p, size_t n, uint32_t acc = 0)
 {
     for (size_t i = 0; i + 1 < n; i += 2)
@@ -34,12 +34,8 @@ uint32_t ones_sum(const uint8_t *p, size_t n, uint32_t acc = 0)
 
 uint32_t udp_sum(const uint8_t *ip, const uint8_t *udp, size_t udpLen)
 {
-    uint8_t pseudo[12];
+    uint8_t pseudo[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 17, uint8_t(udpLen >> 8), uint8_t(udpLen)};
     memcpy(pseudo, ip + 12, 8);
-    pseudo[8] = 0;
-    pseudo[9] = 17;
-    pseudo[10] = uint8_t(udpLen >> 8);
-    pseudo[11] = uint8_t(udpLen);
     return ones_sum(udp, udpLen, ones_sum(pseudo, 12));
 }
 
@@ -68,8 +64,6 @@ Dhcp4Frame &Dhcp4Frame::end()
     return *this;
 }
 
-size_t Dhcp4Frame::l2Len() const { return 14 + 4 * vlans.size(); }
-
 std::vector<uint8_t> Dhcp4Frame::build() const
 {
     std::vector<uint8_t> f(dst.begin(), dst.end());
@@ -80,15 +74,11 @@ std::vector<uint8_t> Dhcp4Frame::build() const
     }
     push16(f, 0x0800);
 
-    size_t ipAt = f.size();
-    size_t ipHdrLen = size_t(ihl) * 4;
-    size_t dhcpLen = 240 + options.size();
-    size_t udpLen = 8 + dhcpLen;
+    size_t ipAt = f.size(), ipHdrLen = size_t(ihl) * 4, udpLen = 8 + 240 + options.size();
     f.push_back(uint8_t(0x40 | (ihl & 0x0F)));
     f.push_back(0);
     push16(f, uint32_t(ipHdrLen + udpLen));
-    push16(f, 0);      // id
-    push16(f, 0x4000); // don't fragment
+    push32(f, 0x4000); // id 0, don't fragment
     f.push_back(64);
     f.push_back(ipProto);
     push16(f, 0); // checksum, below
@@ -102,17 +92,10 @@ std::vector<uint8_t> Dhcp4Frame::build() const
     push16(f, uint32_t(udpLen));
     push16(f, 0);
 
-    f.push_back(op);
-    f.push_back(1); // Ethernet
-    f.push_back(6);
-    f.push_back(0);
-    push32(f, xid);
-    push16(f, 0);
-    push16(f, flags);
-    push32(f, ciaddr);
-    push32(f, yiaddr);
-    push32(f, siaddr);
-    push32(f, giaddr);
+    for (uint8_t b : {op, uint8_t(1), uint8_t(6), uint8_t(0)}) // Ethernet, 6-byte addresses
+        f.push_back(b);
+    for (uint32_t w : {xid, uint32_t(flags), ciaddr, yiaddr, siaddr, giaddr})
+        push32(f, w);
     f.insert(f.end(), chaddr.begin(), chaddr.end());
     f.resize(f.size() + 10 + 64 + 128, 0);
     for (uint8_t b : {99, 130, 83, 99})
@@ -127,7 +110,6 @@ std::vector<uint8_t> Dhcp4Frame::build() const
         us = 0xFFFF;
     f[udpAt + 6] = uint8_t(us >> 8);
     f[udpAt + 7] = uint8_t(us);
-
     f.resize(f.size() + pad, 0);
     return f;
 }
@@ -142,51 +124,14 @@ bool udp4_checksum_ok(const uint8_t *frame, size_t l2Len)
 {
     const uint8_t *ip = frame + l2Len;
     const uint8_t *udp = ip + size_t(ip[0] & 0x0F) * 4;
-    if (rd16(udp + 6) == 0)
-        return true;
-    return udp_sum(ip, udp, rd16(udp + 4)) == 0xFFFF;
-}
-
-uint16_t dhcp4_udp_len(const uint8_t *frame, size_t l2Len)
-{
-    const uint8_t *ip = frame + l2Len;
-    return uint16_t(rd16(ip + size_t(ip[0] & 0x0F) * 4 + 4));
-}
-
-uint16_t dhcp4_ip_total(const uint8_t *frame, size_t l2Len)
-{
-    return uint16_t(rd16(frame + l2Len + 2));
-}
-
-size_t dhcp4_options_at(const uint8_t *frame, size_t l2Len)
-{
-    return l2Len + size_t(frame[l2Len] & 0x0F) * 4 + 8 + 240;
-}
-
-void fill_rxpkt(DhcpsnoopRxPkt &rx, const std::vector<uint8_t> &frame, DhcpsnoopIf *ifp,
-                uint32_t ifIndex, uint16_t outerVid, uint16_t innerVid, uint16_t l2HdrLen,
-                uint16_t etherType)
-{
-    memset(&rx, 0, sizeof rx);
-    size_t n = frame.size() < sizeof rx.data ? frame.size() : sizeof rx.data;
-    rx.valid = 1;
-    rx.len = uint16_t(n);
-    memcpy(rx.data, frame.data(), n);
-    rx.inIf = ifp;
-    rx.ifIndex = ifIndex;
-    rx.outerVid = outerVid;
-    rx.innerVid = innerVid;
-    rx.l2HdrLen = l2HdrLen;
-    rx.etherType = etherType;
+    return rd16(udp + 6) == 0 || udp_sum(ip, udp, rd16(udp + 4)) == 0xFFFF;
 }
 
 std::vector<Dhcp4Option> dhcp4_options(const uint8_t *frame, size_t frameLen, size_t l2Len)
 {
     std::vector<Dhcp4Option> out;
-    size_t at = dhcp4_options_at(frame, l2Len);
-    size_t end = at - 240 - 8 + dhcp4_udp_len(frame, l2Len);
-    if (end > frameLen)
-        end = frameLen;
+    size_t udpAt = l2Len + size_t(frame[l2Len] & 0x0F) * 4;
+    size_t at = udpAt + 8 + 240, end = std::min(udpAt + rd16(frame + udpAt + 4), frameLen);
     while (at < end) {
         uint8_t code = frame[at];
         if (code == 0) {
@@ -199,18 +144,27 @@ std::vector<Dhcp4Option> dhcp4_options(const uint8_t *frame, size_t frameLen, si
         }
         if (at + 1 >= end)
             break;
-        size_t len = frame[at + 1];
-        size_t stop = at + 2 + len < end ? at + 2 + len : end;
+        size_t stop = std::min(at + 2 + frame[at + 1], end);
         out.push_back({code, std::vector<uint8_t>(frame + at + 2, frame + stop)});
-        at += 2 + len;
+        at += 2 + frame[at + 1];
     }
     return out;
 }
 
-std::vector<uint8_t> ParsedFrame::bytes() const
+void fill_rxpkt(DhcpsnoopRxPkt &rx, const std::vector<uint8_t> &frame, DhcpsnoopIf *ifp,
+                uint32_t ifIndex, uint16_t outerVid, uint16_t innerVid, uint16_t l2HdrLen)
 {
-    size_t n = info.frameLen < sizeof rx.data ? info.frameLen : sizeof rx.data;
-    return std::vector<uint8_t>(rx.data, rx.data + n);
+    memset(&rx, 0, sizeof rx);
+    size_t n = std::min(frame.size(), sizeof rx.data);
+    rx.valid = 1;
+    rx.len = uint16_t(n);
+    memcpy(rx.data, frame.data(), n);
+    rx.inIf = ifp;
+    rx.ifIndex = ifIndex;
+    rx.outerVid = outerVid;
+    rx.innerVid = innerVid;
+    rx.l2HdrLen = l2HdrLen;
+    rx.etherType = 0x0800;
 }
 
 int parse_frame(ParsedFrame &pf, const std::vector<uint8_t> &frame, DhcpsnoopIf *ifp,

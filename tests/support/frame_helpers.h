@@ -1,11 +1,9 @@
-/*
- * DHCPv4 frames for tests: a builder with correct lengths and checksums, an
- * independent check of both checksums, and the rx record as the main loop
- * fills it.
- */
+/* DHCPv4 frames for tests: a builder with correct lengths and checksums, an
+ * independent check of both checksums, and frames parsed as the loop does. */
 #ifndef DHCPSNOOP_FRAME_HELPERS_H
 #define DHCPSNOOP_FRAME_HELPERS_H
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -33,7 +31,7 @@ struct Dhcp4Frame {
     Dhcp4Frame &msgType(uint8_t t);                           // option 53
     Dhcp4Frame &end();                                        // append 255
     std::vector<uint8_t> build() const; // lengths and both checksums correct
-    size_t l2Len() const;               // 14 + 4 per tag
+    size_t l2Len() const { return 14 + 4 * vlans.size(); }
 };
 
 std::vector<uint8_t> ipv4(uint32_t hostOrder); // 4 network-order bytes
@@ -41,10 +39,6 @@ std::vector<uint8_t> ipv4(uint32_t hostOrder); // 4 network-order bytes
 // Independent recomputation (not using the daemon's checksum code):
 bool ipv4_checksum_ok(const uint8_t *frame, size_t l2Len);
 bool udp4_checksum_ok(const uint8_t *frame, size_t l2Len); // also accepts a 0 field as "no checksum"
-uint16_t dhcp4_udp_len(const uint8_t *frame, size_t l2Len);
-uint16_t dhcp4_ip_total(const uint8_t *frame, size_t l2Len);
-// Offset of the first option byte (after the magic cookie) in a frame.
-size_t dhcp4_options_at(const uint8_t *frame, size_t l2Len);
 
 // Options of the message in order, pads skipped, up to and including an end
 // option (code 255, no data); bounded by the UDP length field and the frame.
@@ -57,18 +51,15 @@ std::vector<Dhcp4Option> dhcp4_options(const uint8_t *frame, size_t frameLen, si
 
 // Fill an rx record as the main loop would.
 void fill_rxpkt(DhcpsnoopRxPkt &rx, const std::vector<uint8_t> &frame, DhcpsnoopIf *ifp,
-                uint32_t ifIndex, uint16_t outerVid, uint16_t innerVid, uint16_t l2HdrLen,
-                uint16_t etherType = 0x0800);
+                uint32_t ifIndex, uint16_t outerVid, uint16_t innerVid, uint16_t l2HdrLen);
 
 // A frame parsed in place: the record points into `rx`, so keep both together.
 struct ParsedFrame {
     DhcpsnoopRxPkt rx;
     DhcpsnoopPktInfo info;
-    // The frame as it now stands (frameLen bytes).
-    std::vector<uint8_t> bytes() const;
+    std::vector<uint8_t> bytes() const { return {rx.data, rx.data + std::min<size_t>(info.frameLen, sizeof rx.data)}; }
 };
-// Parse `frame` received on `ifp` (its ifIndex; outer VLAN `outerVid`);
-// returns the parser's result.
+// Parse `frame` received on `ifp` (its ifIndex); returns the parser's result.
 int parse_frame(ParsedFrame &pf, const std::vector<uint8_t> &frame, DhcpsnoopIf *ifp,
                 uint16_t outerVid = 0, uint16_t innerVid = 0, size_t l2Len = 14);
 
