@@ -388,28 +388,24 @@ TEST_F(UserTest, HardwareRecordCarriesWhatTheCheckItemsAsk)
     DhcpsnoopUser *u4 = make_user(v4key(10, 0, 0, 1), DHCPSNOOP_USER_DYNAMIC, 3, 10, kMacA);
     DhcpsnoopUser *u6 = make_user(v6key({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9}),
                                   DHCPSNOOP_USER_STATIC, 3, 10, kMacA);
+    u4->userAttr = u6->userAttr = 0x1234;
     for (DhcpsnoopUser *u : {u4, u6})
         for (uint8_t items : {0x00, 0x10, 0x20, 0x40, 0x80, 0xF0}) {
-            u->userAttr = 0x1234;
             model().hwUserCalls.clear();
             uint8_t in = items;
             ASSERT_EQ(dhcpsnoop_user_state_notify(u, 0, &in, DHCPSNOOP_RULE_IPSG), 0);
-            ASSERT_EQ(model().hwUserCalls.size(), 1u);
-            EXPECT_EQ(model().hwUserCalls[0].ifIndex, 3u);
-            EXPECT_EQ(model().hwUserCalls[0].op, DHCPSNOOP_HW_OP_DEL);
-            DhcpsnoopHwUserRecord want{};
-            if (items & 0x40)
-                memcpy(want.mac, kMacA.data(), 6), want.macValid = 0x30;
-            if (items & 0x20)
-                want.vid = want.origVid = 10;
-            want.ifIndex = items & 0x10 ? 3 : 0;
-            if (items & 0x80)
-                memcpy(want.addr, u->ipAddr, 16), want.addrKind = u == u4 ? 0x20 : 0x80;
-            want.userAttr = 0x1234;
-            want.ipType = u->ipType;
-            want.ruleFlags = 0x80;
-            EXPECT_EQ(memcmp(model().hwUserCalls[0].record.data(), &want, sizeof want), 0)
-                << int(items);
+            const SimHwUserCall &call = model().hwUserCalls.at(0);
+            EXPECT_EQ(std::pair(call.ifIndex, call.op), std::pair(3u, DHCPSNOOP_HW_OP_DEL));
+            const bool mac = items & 0x40, vlan = items & 0x20, addr = items & 0x80;
+            DhcpsnoopHwUserRecord want{{}, uint16_t(vlan ? 10 : 0), items & 0x10 ? 3u : 0u, 0, {},
+                                       0x1234, uint16_t(vlan ? 10 : 0), u->ipType, 0x80,
+                                       uint8_t(mac ? 0x30 : 0), uint8_t(!addr ? 0 : u == u4 ? 0x20 : 0x80),
+                                       0};
+            if (mac)
+                memcpy(want.mac, kMacA.data(), 6);
+            if (addr)
+                memcpy(want.addr, u->ipAddr, 16);
+            EXPECT_EQ(memcmp(call.record.data(), &want, sizeof want), 0) << int(items);
         }
 }
 
