@@ -163,7 +163,8 @@ TEST_F(NmTest, VlansAreListedInInterfaceOrderAndSetThroughTheirInterface)
     EXPECT_EQ(dhcpSnoopVlanGetFirst(&v), 0);
     EXPECT_EQ(v, 30u);
     EXPECT_EQ(dhcpSnoopVlanGetFirst(nullptr), -1);
-    for (auto [after, rc, next] : {std::tuple{0u, 0, 30u}, {10u, 0, 30u}, {25u, 0, 30u}, {30u, -1, 0u}}) {
+    for (auto [after, rc, next] :
+         {std::tuple{0u, 0, 30u}, {10u, 0, 30u}, {25u, 0, 30u}, {30u, -1, 0u}}) {
         v = 0;
         EXPECT_EQ(dhcpSnoopVlanGetNext(after, &v), rc) << after;
         EXPECT_EQ(v, next) << after;
@@ -409,7 +410,8 @@ TEST_F(NmTest, RefusedOrShortBindingChangesKeepTheBinding)
               std::tuple(DHCPSNOOP_HW_DAI, 0, DHCPSNOOP_CHECK_ALL));
     model().failOn("qorIfSetApi", 300, 9, 1);
     run({{USET, 9, 3, 9}});
-    EXPECT_EQ(std::pair(u->bindState, u->hwFlags), std::pair(DHCPSNOOP_BIND_BOUND, DHCPSNOOP_HW_DAI));
+    EXPECT_EQ(u->bindState, DHCPSNOOP_BIND_BOUND);
+    EXPECT_EQ(u->hwFlags, DHCPSNOOP_HW_DAI);
 }
 
 TEST_F(NmTest, UnbindingADynamicBindingReleasesItsCounts)

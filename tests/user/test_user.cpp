@@ -112,7 +112,8 @@ TEST_F(UserTest, IndexAgreesWithTheBucketChains)
         for (auto &mac : macs) {
             DhcpsnoopUser *want = nullptr;
             for (DhcpsnoopUser *x : chain)
-                if (!want && x->userType == DHCPSNOOP_USER_DYNAMIC && !memcmp(x->mac, mac.data(), 6))
+                if (!want && x->userType == DHCPSNOOP_USER_DYNAMIC &&
+                    !memcmp(x->mac, mac.data(), 6))
                     want = x;
             ASSERT_EQ(dhcpsnoop_user_lookup_by_mac(mac.data()), want) << "step " << step;
         }
@@ -386,8 +387,8 @@ TEST_F(UserTest, MacUsersShareThePoolWithBindings)
 TEST_F(UserTest, HardwareRecordCarriesWhatTheCheckItemsAsk)
 {
     DhcpsnoopUser *u4 = make_user(v4key(10, 0, 0, 1), DHCPSNOOP_USER_DYNAMIC, 3, 10, kMacA);
-    DhcpsnoopUser *u6 = make_user(v6key({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9}),
-                                  DHCPSNOOP_USER_STATIC, 3, 10, kMacA);
+    const DhcpsnoopUserKey k6 = v6key({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9});
+    DhcpsnoopUser *u6 = make_user(k6, DHCPSNOOP_USER_STATIC, 3, 10, kMacA);
     u4->userAttr = u6->userAttr = 0x1234;
     for (DhcpsnoopUser *u : {u4, u6})
         for (uint8_t items : {0x00, 0x10, 0x20, 0x40, 0x80, 0xF0}) {
@@ -397,10 +398,10 @@ TEST_F(UserTest, HardwareRecordCarriesWhatTheCheckItemsAsk)
             const SimHwUserCall &call = model().hwUserCalls.at(0);
             EXPECT_EQ(std::pair(call.ifIndex, call.op), std::pair(3u, DHCPSNOOP_HW_OP_DEL));
             const bool mac = items & 0x40, vlan = items & 0x20, addr = items & 0x80;
+            const uint8_t kind = !addr ? 0 : u == u4 ? 0x20 : 0x80;
             DhcpsnoopHwUserRecord want{{}, uint16_t(vlan ? 10 : 0), items & 0x10 ? 3u : 0u, 0, {},
                                        0x1234, uint16_t(vlan ? 10 : 0), u->ipType, 0x80,
-                                       uint8_t(mac ? 0x30 : 0), uint8_t(!addr ? 0 : u == u4 ? 0x20 : 0x80),
-                                       0};
+                                       uint8_t(mac ? 0x30 : 0), kind, 0};
             if (mac)
                 memcpy(want.mac, kMacA.data(), 6);
             if (addr)
@@ -423,7 +424,8 @@ TEST_F(UserTest, HardwareIdsAndTheArpInspectionFlag)
         gDhcpsnoop.daiStarted = started;
         u->daiHwId = 8;
         ASSERT_EQ(dhcpsnoop_user_state_notify(u, !started, &items, DHCPSNOOP_RULE_DAI), 0);
-        EXPECT_EQ(model().hwUserCalls.back().op, started ? DHCPSNOOP_HW_OP_DEL : DHCPSNOOP_HW_OP_ADD);
+        EXPECT_EQ(model().hwUserCalls.back().op,
+                  started ? DHCPSNOOP_HW_OP_DEL : DHCPSNOOP_HW_OP_ADD);
         DhcpsnoopHwUserRecord r = record_of(model().hwUserCalls.back());
         EXPECT_EQ(std::tuple(r.ruleFlags, r.daiHwId, r.ipsgHwId),
                   std::tuple(started ? 0x40 : 0, started ? 8u : 0u, 0u));
@@ -555,10 +557,12 @@ TEST_F(UserTest, DisableDeletesDynamicAndOnlyWithdrawsStatic)
     /* a VLAN interface takes the bindings of its VLAN, whatever their port */
     other->vid = 20;
     dhcpsnoop_user_process_on_interface(vlan10, 1, 3, 0);
-    EXPECT_EQ((std::pair<int, int>(s->hwFlags, other->hwFlags)), std::pair(0, int(DHCPSNOOP_HW_IPSG)));
+    EXPECT_EQ(s->hwFlags, 0);
+    EXPECT_EQ(other->hwFlags, DHCPSNOOP_HW_IPSG);
     /* no interface: every binding of the masks */
     dhcpsnoop_user_process_on_interface(nullptr, 1, 1, 0);
-    EXPECT_EQ((std::pair<int, int>(other->hwFlags, g->hwFlags)), std::pair(0, int(DHCPSNOOP_HW_IPSG)));
+    EXPECT_EQ(other->hwFlags, 0);
+    EXPECT_EQ(g->hwFlags, DHCPSNOOP_HW_IPSG);
 }
 
 TEST_F(UserTest, TrunkMembersWorkOnCopies)
