@@ -23,14 +23,14 @@ struct Req {
     int32_t rc = 0;
     int fail = 0;
 };
-using Call = int32_t (*)(uint32_t cmd, uint32_t *v);
+using Call = int32_t (*)(uint32_t ifIndex, uint32_t cmd, uint32_t *v);
 const Call kCalls[] = {
-    [](uint32_t c, uint32_t *v) { return dhcpSnoopSetApi(nullptr, c, v); },
-    [](uint32_t c, uint32_t *v) { return dhcpSnoopGetApi(nullptr, c, v); },
-    [](uint32_t c, uint32_t *v) { return dhcpSnoopIfSetApi(3, c, v); },
-    [](uint32_t c, uint32_t *v) { return dhcpSnoopIfGetApi(3, c, v); },
-    [](uint32_t c, uint32_t *v) { return dhcpSnoopUserSetApi(&k1, c, v); },
-    [](uint32_t c, uint32_t *v) { return dhcpSnoopUserGetApi(&k1, c, v); },
+    [](uint32_t, uint32_t c, uint32_t *v) { return dhcpSnoopSetApi(nullptr, c, v); },
+    [](uint32_t, uint32_t c, uint32_t *v) { return dhcpSnoopGetApi(nullptr, c, v); },
+    [](uint32_t i, uint32_t c, uint32_t *v) { return dhcpSnoopIfSetApi(i, c, v); },
+    [](uint32_t i, uint32_t c, uint32_t *v) { return dhcpSnoopIfGetApi(i, c, v); },
+    [](uint32_t, uint32_t c, uint32_t *v) { return dhcpSnoopUserSetApi(&k1, c, v); },
+    [](uint32_t, uint32_t c, uint32_t *v) { return dhcpSnoopUserGetApi(&k1, c, v); },
 };
 
 class NmTest : public DaemonTest {
@@ -43,8 +43,8 @@ protected:
         port = enablePort(3);
         model().ifSyncs.clear();
     }
-    /* Requests on the switch, on interface 3 and on binding k1. */
-    void run(std::initializer_list<Req> reqs)
+    /* Requests on the switch, on interface `ifIndex` and on binding k1. */
+    void run(std::initializer_list<Req> reqs, uint32_t ifIndex = 3)
     {
         static const char *const sync[] = {"qorHwScalarSync", "qorHwIfSync",
                                            "qorHwDhcpSnoopUserSync"};
@@ -54,7 +54,7 @@ protected:
             if (r.fail)
                 model().failOn(sync[r.api / 2], code[r.api / 2] + r.cmd, r.fail, 1);
             uint32_t v = r.api % 2 ? 0xDEAD : r.value;
-            EXPECT_EQ(kCalls[r.api](r.cmd, &v), r.rc) << "request " << i;
+            EXPECT_EQ(kCalls[r.api](ifIndex, r.cmd, &v), r.rc) << "request " << i;
             if (r.api % 2 && r.rc == 0)
                 EXPECT_EQ(v, r.value) << "request " << i;
             i++;
@@ -189,13 +189,11 @@ TEST_F(NmTest, VlansAreListedInInterfaceOrderAndSetThroughTheirInterface)
 
 TEST_F(NmTest, OnlyEnablingServesAnInterfaceWithoutEntry)
 {
-    uint32_t v = 1;
-    EXPECT_EQ(dhcpSnoopIfSetApi(9, 3, &v), NOENT);
-    EXPECT_EQ(dhcpSnoopIfGetApi(9, 1, &v), NOENT);
-    EXPECT_EQ(dhcpSnoopIfSetApi(9, 1, &v), NOENT); /* not a port: no drop rule */
+    /* not a port of the switch: no entry, no drop rule */
+    run({{ISET, 3, 1, NOENT}, {IGET, 1, 0, NOENT}, {ISET, 1, 1, NOENT}}, 9);
     EXPECT_TRUE(model().ifSyncs.empty());
     model().addPort(9, "swp9");
-    EXPECT_EQ(dhcpSnoopIfSetApi(9, 1, &v), 0);
+    run({{ISET, 1, 1}}, 9);
     EXPECT_EQ(model().ifSyncs.back().code, 0x402C001u);
     EXPECT_EQ(model().ifSyncs.back().mode, DHCPSNOOP_MODE_SET);
     EXPECT_EQ(model().traps.size(), 2u);
@@ -204,7 +202,7 @@ TEST_F(NmTest, OnlyEnablingServesAnInterfaceWithoutEntry)
     EXPECT_EQ(dhcpSnoopIfGetNext(first, &next), 0);
     EXPECT_EQ(std::pair(first, next), std::pair(3u, 9u));
     EXPECT_EQ(dhcpSnoopIfGetNext(9, &next), -1);
-    v = 0;
+    uint32_t v = 0;
     EXPECT_EQ(dhcpSnoopIfSyncApi(9, 1, &v), 0);
     EXPECT_EQ(model().ifSyncs.back().mode, DHCPSNOOP_MODE_SYNC);
     EXPECT_EQ(dhcpsnoop_if_lookup(9), nullptr);

@@ -158,15 +158,6 @@ TEST_F(UserTest, LearningRecordsAProvisionalBindingAndLogsIt)
     EXPECT_TRUE(model().hwUserCalls.empty());
     EXPECT_TRUE(model().netlinkSends.empty());
 
-    /* on a VLAN interface: the frame's port, the interface's VLAN; port 9 has
-     * no entry, so only the VLAN is counted */
-    DhcpsnoopUserKey k2 = v4key(10, 0, 0, 8);
-    info = client_request(vlan10, 9, 77, kMacA);
-    ASSERT_EQ(dhcpsnoop_user_add(&k2, nullptr, &info), 0);
-    EXPECT_EQ(std::tuple(dhcpsnoop_user_lookup(&k2)->ifIndex, dhcpsnoop_user_lookup(&k2)->vid),
-              std::tuple(9u, 10));
-    EXPECT_EQ(port3->curUser + vlan10->curUser, 3);
-
     /* a trusted port records nothing, whatever its VLAN's trust */
     port4->flags |= ifflag::TRUSTED;
     DhcpsnoopUserKey k3 = v4key(10, 0, 0, 9);
@@ -578,21 +569,19 @@ TEST_F(UserTest, TrunkMembersWorkOnCopies)
     const uint32_t trunkId = u->ipsgHwId;
     model().hwUserCalls.clear();
 
-    /* joining: only the binding not yet installed is programmed, on the port */
-    dhcpsnoop_user_process_on_trunk(50, 7, 1);
-    ASSERT_EQ(model().hwUserCalls.size(), 1u);
-    EXPECT_EQ(model().hwUserCalls[0].ifIndex, 7u);
-    EXPECT_EQ(record_of(model().hwUserCalls[0]).ifIndex, 7u);
+    /* joining programs on the port only the binding not yet installed, as a
+     * copy; leaving withdraws the trunk's rule with its id and items (0x90,
+     * not the port's 0xF0) and the table keeps the trunk's state */
+    for (uint32_t join : {1u, 0u}) {
+        model().hwUserCalls.clear();
+        dhcpsnoop_user_process_on_trunk(50, 7, join);
+        ASSERT_EQ(model().hwUserCalls.size(), 1u);
+        const DhcpsnoopHwUserRecord r = record_of(model().hwUserCalls[0]);
+        EXPECT_EQ(std::tuple(model().hwUserCalls[0].ifIndex, r.ifIndex, r.macValid),
+                  std::tuple(7u, 7u, uint8_t(join ? 0x30 : 0)));
+    }
+    EXPECT_EQ(record_of(model().hwUserCalls[0]).ipsgHwId, trunkId);
     EXPECT_EQ(std::tuple(fresh->hwFlags, fresh->ifIndex, fresh->ipsgHwId), std::tuple(0, 50u, 0u));
-
-    /* leaving: the trunk's rule is withdrawn from the port with its items */
-    model().hwUserCalls.clear();
-    dhcpsnoop_user_process_on_trunk(50, 7, 0);
-    ASSERT_EQ(model().hwUserCalls.size(), 1u);
-    DhcpsnoopHwUserRecord r = record_of(model().hwUserCalls[0]);
-    EXPECT_EQ(model().hwUserCalls[0].ifIndex, 7u);
-    EXPECT_EQ(r.ipsgHwId, trunkId);
-    EXPECT_EQ(r.macValid, 0); /* the trunk's 0x90, not the port's 0xF0 */
     EXPECT_EQ(std::tuple(u->hwFlags, u->ifIndex, u->ipsgCheckItems),
               std::tuple(DHCPSNOOP_HW_IPSG, 50u, 0x90));
 
