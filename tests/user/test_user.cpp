@@ -363,7 +363,8 @@ TEST_F(UserTest, MacUsersShareThePoolWithBindings)
     /* bindings and MAC users together exhaust the 16 nodes */
     for (uint8_t i = 0; i < 13; i++)
         ASSERT_EQ(learn(v4key(10, 1, 0, i), port3, {2, 0, 0, 0, 1, i}), 0);
-    DhcpsnoopPktInfo ic = client_request(port3, 3, 10, {0, 0, 0, 0, 3, 3});
+    const Mac c = {0, 0, 0, 0, 3, 3}; /* the request points at it */
+    DhcpsnoopPktInfo ic = client_request(port3, 3, 10, c);
     EXPECT_NE(dhcpsnoop_mac_user_add(&ic), nullptr);
     EXPECT_EQ(dhcpsnoop_mac_user_add(&ic), nullptr);
     EXPECT_EQ(learn(v4key(10, 2, 0, 0), port3, kMacA), -1);
