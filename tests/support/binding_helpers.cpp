@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "switch_model.h"
@@ -10,10 +11,7 @@ DhcpsnoopUserKey v4key(uint8_t a, uint8_t b, uint8_t c, uint8_t d)
 {
     DhcpsnoopUserKey k{};
     k.ipType = DHCPSNOOP_IPTYPE_V4;
-    k.ipAddr[0] = a;
-    k.ipAddr[1] = b;
-    k.ipAddr[2] = c;
-    k.ipAddr[3] = d;
+    memcpy(k.ipAddr, std::array{a, b, c, d}.data(), 4);
     return k;
 }
 
@@ -21,9 +19,7 @@ DhcpsnoopUserKey v6key(std::initializer_list<uint8_t> bytes)
 {
     DhcpsnoopUserKey k{};
     k.ipType = DHCPSNOOP_IPTYPE_V6;
-    size_t i = 0;
-    for (uint8_t b : bytes)
-        k.ipAddr[i++] = b;
+    std::copy(bytes.begin(), bytes.end(), k.ipAddr);
     return k;
 }
 
@@ -61,10 +57,10 @@ void set_role(DhcpsnoopRole role)
     sim_model().hwScalars[54] = role == DHCPSNOOP_ROLE_NONE ? 1 : 0;
 }
 
-static size_t list_length(const DhcpsnoopList *head)
+static size_t list_length(const DhcpsnoopList &head)
 {
     size_t n = 0;
-    for (const DhcpsnoopList *e = head->next; e != head; e = e->next)
+    for (const DhcpsnoopList *e = head.next; e != &head; e = e->next)
         n++;
     return n;
 }
@@ -73,11 +69,11 @@ size_t user_count()
 {
     size_t n = 0;
     for (auto &head : gDhcpsnoop.userHash)
-        n += list_length(&head);
+        n += list_length(head);
     return n;
 }
 
-size_t free_user_nodes() { return list_length(&gDhcpsnoop.userFreeList); }
+size_t free_user_nodes() { return list_length(gDhcpsnoop.userFreeList); }
 
 std::vector<DhcpsnoopServer *> server_list()
 {
