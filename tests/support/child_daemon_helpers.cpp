@@ -102,7 +102,7 @@ bool ChildDaemon::start(const std::string &socketPath, const ChildDaemonOptions 
         gDhcpsnoop.cmdSock = gDhcpsnoop.rtSock = -1;
         dhcpsnoop_shutdown();
         dhcpsnoop_timer_reset();
-        if (dhcpsnoop_init_ex(20, o.userMax, 0, 3, nullptr, nullptr, nullptr) != 0)
+        if (dhcpsnoop_init_ex(20, 2000, 0, 3, nullptr, nullptr, nullptr) != 0)
             _exit(1);
         if (o.enablePorts)
             for (uint32_t idx : o.ports)
