@@ -373,6 +373,10 @@ TEST_F(NotifyTest, CardAndSlotEventsChooseBetweenCopyAndRules)
             EXPECT_EQ(model().chassisQueries[0].words, (std::array<uint32_t, 4>{1, 2, 5, 9}));
         }
     }
+    model().cardAnswers[49152042] = 1;
+    model().scalarSyncs.clear();
+    deliver(msg(87, words({1, 2, 5}))); /* too short to name the card */
+    EXPECT_TRUE(model().scalarSyncs.empty());
 }
 
 TEST_F(NotifyTest, SubsystemUpTakesItsNumberFromTheDatagramStart)

@@ -26,9 +26,9 @@
 TEST(LinuxConfig, ReadsEveryStatement)
 {
     const char *text = "# switch\n"
-                       "port swp1 pvid 010 max-users 20\n"
+                       "port swp1 pvid 0000000010 max-users 20\n"
                        "port uplink tagged vlans 10,20 tpid 0x88a8 router\n"
-                       "port swp3 excluded   # not forwarded\n"
+                       "port swp3 tagged untagged router bridge excluded   # not forwarded\n"
                        "vlan 20 interface\n"
                        "vlan 30 interface v30\n"
                        "role master\n"
@@ -350,6 +350,11 @@ TEST(LinuxHardwareState, OneLinePerRecordUpdatedInPlaceAndSlotsReused)
     std::string path = testing::TempDir() + "dhcpsnoop-hw-state";
     ASSERT_EQ(linux_hw_state_open(path.c_str(), 2), 0);
     const uint32_t ADD = 0x3E800DF, DEL = 0x3E800E0;
+    auto v6 = hw_record(9, 0x80);
+    v6[16] = 0x20, v6[17] = 0x01, v6[18] = 0x0d, v6[19] = 0xb8, v6[39] = 0x80;
+    linux_hw_state_update(9, ADD, v6.data());
+    EXPECT_EQ(state_lines(path), std::vector<std::string>{"9 2001:db8:: 02:00:00:00:00:09 10 ipsg"});
+    linux_hw_state_update(9, DEL, v6.data());
     for (uint8_t b : {5, 6, 7})
         linux_hw_state_update(9, ADD, hw_record(b, 0x80).data());
     linux_hw_state_update(9, ADD, hw_record(6, 0x40).data()); /* a second rule, same address */
