@@ -11,10 +11,7 @@
 namespace {
 using Bytes = std::vector<uint8_t>;
 
-template <class T> void put(Bytes &b, T v)
-{
-    b.insert(b.end(), (uint8_t *)&v, (uint8_t *)&v + sizeof v);
-}
+template <class T> void put(Bytes &b, T v) { b.insert(b.end(), (uint8_t *)&v, (uint8_t *)&v + sizeof v); }
 Bytes words(std::initializer_list<uint32_t> ws)
 {
     Bytes b;
@@ -203,10 +200,9 @@ TEST_F(NotifyTest, PortJoiningAnAggregateOrDeletedLosesSnooping)
     deliver(link_msg(16, 3, cat({attr(38, {}), attr(38, {}), attr(53, words({8}))})));
     EXPECT_EQ(dhcpsnoop_if_lookup(3), nullptr);
     EXPECT_EQ(model().debugCount("Process user on trunk"), 0u);
-    size_t traps = model().trapCalls.size();
-    EXPECT_EQ(traps, 3u) << "two traps added, one deleted";
+    EXPECT_EQ(model().trapCalls.size(), 3u) << "two traps added, one deleted";
     deliver(link_msg(17, 5)); /* no snooping there */
-    EXPECT_EQ(model().trapCalls.size(), traps);
+    EXPECT_EQ(model().trapCalls.size(), 3u);
     EXPECT_EQ(model().debugCount("RTM_DELLINK message: ifindex"), 0u);
     deliver(link_msg(17, 4));
     EXPECT_EQ(dhcpsnoop_if_lookup(4), nullptr);
@@ -377,6 +373,10 @@ TEST_F(NotifyTest, CardAndSlotEventsChooseBetweenCopyAndRules)
             EXPECT_EQ(model().chassisQueries[0].words, (std::array<uint32_t, 4>{1, 2, 5, 9}));
         }
     }
+    model().cardAnswers[49152042] = 1;
+    model().scalarSyncs.clear();
+    deliver(msg(87, words({1, 2, 5}))); /* too short to name the card */
+    EXPECT_TRUE(model().scalarSyncs.empty());
 }
 
 TEST_F(NotifyTest, SubsystemUpTakesItsNumberFromTheDatagramStart)

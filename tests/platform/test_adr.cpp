@@ -7,98 +7,71 @@
 #include "dhcpsnoop_adr.h"
 
 namespace {
-
-uint32_t word_at(const uint8_t *p)
+template <class T> void put(std::vector<uint8_t> &b, T v)
 {
-    uint32_t v;
-    memcpy(&v, p, 4);
-    return v;
+    b.insert(b.end(), (uint8_t *)&v, (uint8_t *)&v + sizeof v);
 }
-
-/* The three header words and an index header. */
-uint32_t encode_head(AdrBuf &a, uint32_t func, int32_t rc, uint32_t cmd, uint8_t count)
+/* Calls in a braced list run in order; all must succeed. */
+bool ok(std::initializer_list<int> rcs)
 {
-    EXPECT_EQ(adr_encodefunc(&a, func), 0);
-    EXPECT_EQ(adr_encoderetcode(&a, rc), 0);
-    EXPECT_EQ(adr_encodecmd(&a, cmd), 0);
-    EXPECT_EQ(adr_encodeindexheader(&a, count), 0);
-    return adr_count(&a);
+    for (int rc : rcs)
+        if (rc != 0)
+            return false;
+    return true;
 }
-
 } // namespace
 
-TEST(AdrLayout, HeaderEndsAfterTheIndexCountAndTheResultSitsAtTwelve)
+TEST(Adr, LayoutRoundTripAndResultInPlace)
 {
     uint8_t buf[64] = {};
     AdrBuf a;
     adr_start(&a, buf, sizeof buf);
-    EXPECT_EQ(encode_head(a, 7, 0x11223344, 9, 1), 26u);
-    EXPECT_EQ(word_at(buf + 0), ADR_TAG_FUNC);
-    EXPECT_EQ(word_at(buf + 4), 7u);
-    EXPECT_EQ(word_at(buf + 8), ADR_TAG_RETCODE);
-    EXPECT_EQ(word_at(buf + 12), 0x11223344u);
-    EXPECT_EQ(word_at(buf + 16), ADR_TAG_CMD);
-    EXPECT_EQ(word_at(buf + 20), 9u);
-    EXPECT_EQ(buf[24], ADR_INDEX_HEADER);
-    EXPECT_EQ(buf[25], 1);
+    ASSERT_TRUE(ok({adr_encodefunc(&a, 7), adr_encoderetcode(&a, 0x11223344), adr_encodecmd(&a, 9),
+                    adr_encodeindexheader(&a, 1), adr_encodeindex(&a, 5, "ab", 2),
+                    adr_putushort(&a, 0xBEEF), adr_putuint32(&a, uint32_t(-7)),
+                    adr_putchar(&a, "xyz", 3)}));
+    std::vector<uint8_t> want;
+    for (uint32_t w : {ADR_TAG_FUNC, 7u, ADR_TAG_RETCODE, 0x11223344u, ADR_TAG_CMD, 9u})
+        put(want, w);
+    want.insert(want.end(), {ADR_INDEX_HEADER, 1, ADR_ITEM_INDEX, 5, 2, 'a', 'b'});
+    put(want, uint16_t(0xBEEF));
+    put(want, uint32_t(-7));
+    want.insert(want.end(), {'x', 'y', 'z'});
+    EXPECT_EQ(std::vector<uint8_t>(buf, buf + adr_count(&a)), want);
 
-    /* the result is overwritten in place */
-    ASSERT_EQ(adr_pos(&a, 12), 0);
-    ASSERT_EQ(adr_int32(&a, -5), 0);
-    EXPECT_EQ(adr_count(&a), 16u);
-    EXPECT_EQ(int32_t(word_at(buf + 12)), -5);
-}
-
-TEST(AdrRoundTrip, NumbersOfEveryWidth)
-{
-    uint8_t buf[32] = {};
-    AdrBuf a;
-    adr_start(&a, buf, sizeof buf);
-    ASSERT_EQ(adr_putushort(&a, 0xBEEF), 0);
-    ASSERT_EQ(adr_putuint32(&a, 0xDEADBEEF), 0);
-    ASSERT_EQ(adr_putuint32(&a, uint32_t(-7)), 0);
-    ASSERT_EQ(adr_putchar(&a, "xyz", 3), 0);
     AdrBuf d;
     adr_start(&d, buf, adr_count(&a));
+    uint32_t func = 0, cmd = 0;
+    int32_t rc = 0, i = 0;
     uint16_t s = 0;
-    uint32_t u = 0;
-    int32_t i = 0;
-    char text[3];
-    ASSERT_EQ(adr_getushort(&d, &s), 0);
-    ASSERT_EQ(adr_getuint32(&d, &u), 0);
-    ASSERT_EQ(adr_getint32(&d, &i), 0);
-    ASSERT_NE(adr_getchar(&d, reinterpret_cast<uint8_t *>(text), 3), nullptr);
-    EXPECT_EQ(s, 0xBEEF);
-    EXPECT_EQ(u, 0xDEADBEEFu);
-    EXPECT_EQ(i, -7);
-    EXPECT_EQ(0, memcmp(text, "xyz", 3));
+    uint8_t text[3];
+    EXPECT_NE(adr_decoderetcode(&d, &rc), 0); /* the tag must match */
+    ASSERT_TRUE(ok({adr_decodefunc(&d, &func), adr_decoderetcode(&d, &rc), adr_decodecmd(&d, &cmd),
+                    adr_offset(&d, 7), adr_getushort(&d, &s), adr_getint32(&d, &i)}));
+    ASSERT_EQ(adr_getchar(&d, text, 3), text);
+    EXPECT_EQ(std::tuple(func, rc, cmd, s, i, memcmp(text, "xyz", 3)),
+              std::tuple(7u, 0x11223344, 9u, uint16_t(0xBEEF), -7, 0));
     EXPECT_NE(adr_getushort(&d, &s), 0);
+
+    ASSERT_TRUE(ok({adr_pos(&a, 12), adr_int32(&a, -5)}));
+    EXPECT_EQ(adr_count(&a), 16u);
+    EXPECT_EQ(buf[12], uint8_t(-5));
 }
 
-TEST(AdrEncode, DataItemMayBeAnsweredInPlace)
+TEST(Adr, DataItemMayBeAnsweredInPlace)
 {
-    uint8_t buf[16] = {};
-    memcpy(buf + 4, "abcdef", 6);
+    uint8_t buf[16] = {'p', 'q', 'r', 's', 't', 'u'};
     AdrBuf a;
     adr_start(&a, buf, sizeof buf);
-    ASSERT_EQ(adr_encodedata(&a, 0, 4, buf + 4), 0);
-    EXPECT_EQ(buf[0], ADR_DATA_HEADER);
-    EXPECT_EQ(buf[1], 0);
-    uint16_t len;
-    memcpy(&len, buf + 2, 2);
-    EXPECT_EQ(len, 4);
-    EXPECT_EQ(0, memcmp(buf + 4, "abcdef", 6));
-    EXPECT_EQ(adr_count(&a), 8u);
-
-    /* a value lying just before the item is moved, not smeared */
-    uint8_t b2[16] = {'p', 'q', 'r', 's', 't', 'u'};
-    adr_start(&a, b2, sizeof b2);
-    ASSERT_EQ(adr_encodedata(&a, 0, 6, b2), 0);
-    EXPECT_EQ(0, memcmp(b2 + 4, "pqrstu", 6));
+    ASSERT_EQ(adr_encodedata(&a, 4, 6, buf), 0); /* moved, not smeared */
+    std::vector<uint8_t> want = {ADR_DATA_HEADER, 4};
+    put(want, uint16_t(6));
+    want.insert(want.end(), {'p', 'q', 'r', 's', 't', 'u'});
+    EXPECT_EQ(std::vector<uint8_t>(buf, buf + adr_count(&a)), want);
 }
 
 /* Every call that would pass the end fails and leaves everything as it was. */
-TEST(AdrBounds, NothingPassesTheEnd)
+TEST(Adr, NothingPassesTheEnd)
 {
     std::vector<uint8_t> guard(40, 0xAA);
     uint8_t *buf = guard.data() + 8; /* 8 usable bytes, guards around */
@@ -120,18 +93,13 @@ TEST(AdrBounds, NothingPassesTheEnd)
     EXPECT_NE(adr_encodedata(&a, 2, 4, &u), 0);
     EXPECT_NE(adr_encodedata(&a, 0, 0, nullptr), 0); /* the header alone needs 4 */
     EXPECT_NE(adr_encodeindex(&a, 0, &u, 4), 0);
-    uint32_t v;
-    EXPECT_NE(adr_decodefunc(&a, &v), 0);
-    EXPECT_EQ(adr_count(&a), 6u);
-    EXPECT_EQ(u, 0x55u);
-    EXPECT_EQ(i, 0x55);
+    EXPECT_NE(adr_decodefunc(&a, &u), 0);
+    EXPECT_EQ(std::tuple(adr_count(&a), u, i), std::tuple(6u, 0x55u, 0x55));
     EXPECT_EQ(adr_getushort(&a, &s), 0); /* exactly the last two bytes */
     EXPECT_EQ(adr_count(&a), 8u);
     EXPECT_EQ(adr_getchar(&a, out, 0), out); /* an empty read at the end */
     EXPECT_NE(adr_pos(&a, 9), 0);
     EXPECT_EQ(adr_pos(&a, 8), 0);
-    for (size_t k = 0; k < 8; k++) {
-        EXPECT_EQ(guard[k], 0xAA);
-        EXPECT_EQ(guard[16 + k], 0xAA);
-    }
+    EXPECT_EQ(std::vector<uint8_t>(guard.begin(), guard.begin() + 8), std::vector<uint8_t>(8, 0xAA));
+    EXPECT_EQ(std::vector<uint8_t>(guard.begin() + 16, guard.end()), std::vector<uint8_t>(24, 0xAA));
 }

@@ -26,9 +26,9 @@
 TEST(LinuxConfig, ReadsEveryStatement)
 {
     const char *text = "# switch\n"
-                       "port swp1 pvid 010 max-users 20\n"
+                       "port swp1 pvid 0000000010 max-users 20\n"
                        "port uplink tagged vlans 10,20 tpid 0x88a8 router\n"
-                       "port swp3 excluded   # not forwarded\n"
+                       "port swp3 tagged untagged router bridge excluded   # not forwarded\n"
                        "vlan 20 interface\n"
                        "vlan 30 interface v30\n"
                        "role master\n"
@@ -43,33 +43,23 @@ TEST(LinuxConfig, ReadsEveryStatement)
     LinuxConfig c;
     std::string error;
     ASSERT_EQ(linux_config_parse(text, c, error), 0) << error;
-    ASSERT_EQ(c.ports.size(), 3u);
-    EXPECT_EQ(c.ports[0].name, "swp1");
-    EXPECT_EQ(c.ports[0].pvid, 10); /* decimal, leading zero or not */
-    EXPECT_EQ(c.ports[0].maxUsers, 20);
-    EXPECT_EQ(c.ports[1].maxUsers, 0);
-    EXPECT_FALSE(c.ports[0].tagged);
-    EXPECT_TRUE(c.ports[1].tagged);
-    EXPECT_EQ(c.ports[1].vlans, (std::vector<uint16_t>{10, 20}));
-    EXPECT_EQ(c.ports[1].tpid, 0x88A8);
-    EXPECT_TRUE(c.ports[1].router);
-    EXPECT_EQ(c.ports[1].pvid, 1);
-    EXPECT_TRUE(c.ports[2].excluded);
-    EXPECT_EQ(c.vlanInterfaces.at(20), "vlan20");
-    EXPECT_EQ(c.vlanInterfaces.at(30), "v30");
-    EXPECT_EQ(c.role, "master");
-    EXPECT_EQ(c.peer, "/run/peer.sock");
-    ASSERT_EQ(c.ipsg.size(), 1u);
-    EXPECT_EQ(c.ipsg[0].port, "swp1");
-    EXPECT_EQ(c.ipsg[0].items, 0xC0);
-    ASSERT_EQ(c.dai.size(), 1u);
-    EXPECT_EQ(c.dai[0].vlan, 20);
-    EXPECT_EQ(c.hostname, "sw-7");
-    EXPECT_EQ(c.hardwareState, "/tmp/hw");
-    EXPECT_FALSE(c.nftables);
-    EXPECT_FALSE(c.bindingGuard);
+    using V = std::vector<uint16_t>;
+    std::vector<std::tuple<std::string, int, bool, V, bool, int, bool, int>> ports;
+    for (auto &p : c.ports)
+        ports.emplace_back(p.name, p.pvid, p.tagged, p.vlans, p.router, p.tpid, p.excluded,
+                           p.maxUsers);
+    EXPECT_EQ(ports, (decltype(ports){{"swp1", 10, false, {}, false, 0x8100, false, 20},
+                                      {"uplink", 1, true, {10, 20}, true, 0x88A8, false, 0},
+                                      {"swp3", 1, false, {}, false, 0x8100, true, 0}}));
+    EXPECT_EQ(c.vlanInterfaces, (std::map<uint16_t, std::string>{{20, "vlan20"}, {30, "v30"}}));
+    EXPECT_EQ(std::tuple(c.role, c.peer, c.hostname, c.hardwareState, c.nftables, c.bindingGuard,
+                         c.socketGid),
+              std::tuple("master", "/run/peer.sock", "sw-7", "/tmp/hw", false, false, 0u));
+    ASSERT_EQ(c.ipsg.size() + c.dai.size(), 2u);
+    EXPECT_EQ(std::tuple(c.ipsg[0].port, c.ipsg[0].vlan, c.ipsg[0].items, c.dai[0].port, c.dai[0].vlan,
+                         c.dai[0].items),
+              std::tuple("swp1", 0, 0xC0, "", 20, 0xF0));
     EXPECT_TRUE(LinuxConfig().bindingGuard);
-    EXPECT_EQ(c.socketGid, 0u);
 }
 
 TEST(LinuxConfig, RefusesWhatItCannotMeanAndSaysWhere)
@@ -137,56 +127,59 @@ TEST(LinuxArgs, PoolSizesAndSwitchesAreCheckedNotWrapped)
     }
 }
 
+using Bytes = std::vector<uint8_t>;
+
+/* linux_adapt_frame on port 9 (PVID 7, TPID 0x8100) with room to spare. */
+Bytes adapt(const Bytes &in, bool vlanValid, uint16_t tci, bool csumNotReady, LinuxRxInfo &info)
+{
+    Bytes buf(in);
+    buf.resize(2052);
+    buf.resize(linux_adapt_frame(buf.data(), uint32_t(in.size()), 2052, vlanValid, tci, 0,
+                                 csumNotReady, 9, 7, 0x8100, info));
+    return buf;
+}
+
 TEST(LinuxFrames, TagsAndVlansAsTheSwitchWouldReportThem)
 {
     Dhcp4Frame f;
     f.msgType(1).end();
-    std::vector<uint8_t> untagged = f.build();
+    const Bytes untagged = f.build();
     f.vlans = {30};
-    std::vector<uint8_t> tagged = f.build();
+    const Bytes tagged = f.build();
     f.vlans = {40};
-    std::vector<uint8_t> inner40 = f.build();
+    const Bytes inner40 = f.build();
     f.vlans = {30, 40};
-    std::vector<uint8_t> qinq = f.build();
-    std::vector<uint8_t> qinq9100 = qinq;
+    const Bytes qinq = f.build();
+    Bytes qinq9100 = qinq;
     qinq9100[12] = 0x91;
-
     struct Case {
         const char *what;
-        std::vector<uint8_t> in;
+        Bytes in;
         bool vlanValid;
         uint16_t tci;
-        uint16_t tpid;
-        std::vector<uint8_t> expect;
+        Bytes expect;
         uint16_t outer, inner;
         uint8_t l2;
     } cases[] = {
-        {"untagged: the port's PVID", untagged, false, 0, 0, untagged, 7, 0, 14},
-        {"tag taken off by the kernel goes back", untagged, true, 30, 0, tagged, 30, 0, 18},
-        {"tag left in the data", tagged, false, 0, 0, tagged, 30, 0, 18},
-        {"outer tag taken off, inner left", inner40, true, 30, 0, qinq, 30, 40, 22},
-        {"two tags left in the data, 0x9100 outside", qinq9100, false, 0, 0, qinq9100, 30, 40, 22},
-        {"priority bits are not the VLAN", untagged, true, uint16_t(0xE000 | 30), 0, {}, 30, 0, 18},
+        {"untagged: the port's PVID", untagged, false, 0, untagged, 7, 0, 14},
+        {"tag taken off by the kernel goes back", untagged, true, 30, tagged, 30, 0, 18},
+        {"tag left in the data", tagged, false, 0, tagged, 30, 0, 18},
+        {"outer tag taken off, inner left", inner40, true, 30, qinq, 30, 40, 22},
+        {"two tags left in the data, 0x9100 outside", qinq9100, false, 0, qinq9100, 30, 40, 22},
+        {"priority bits are not the VLAN", untagged, true, 0xE000 | 30, {}, 30, 0, 18},
     };
     for (auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        std::vector<uint8_t> buf(c.in);
-        buf.resize(2052);
         LinuxRxInfo info;
-        uint32_t len = linux_adapt_frame(buf.data(), uint32_t(c.in.size()), 2052, c.vlanValid, c.tci,
-                                         c.tpid, false, 9, 7, 0x8100, info);
+        Bytes out = adapt(c.in, c.vlanValid, c.tci, false, info);
         if (!c.expect.empty()) {
-            ASSERT_EQ(len, c.expect.size());
-            EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + len), c.expect);
+            EXPECT_EQ(out, c.expect) << c.what;
         }
-        EXPECT_EQ(info.ingress, 9u);
-        EXPECT_EQ(info.outerVid, c.outer);
-        EXPECT_EQ(info.innerVid, c.inner);
-        EXPECT_EQ(info.l2HdrLen, c.l2);
+        EXPECT_EQ(std::tuple(info.ingress, info.outerVid, info.innerVid, info.l2HdrLen),
+                  std::tuple(9u, c.outer, c.inner, c.l2))
+            << c.what;
     }
-
     /* a frame that would not fit with its tag keeps its length */
-    std::vector<uint8_t> full(2048, 0);
+    Bytes full(2048, 0);
     LinuxRxInfo info;
     EXPECT_EQ(linux_adapt_frame(full.data(), 2048, 2048, true, 5, 0, false, 1, 1, 0x8100, info), 2048u);
 }
@@ -194,42 +187,28 @@ TEST(LinuxFrames, TagsAndVlansAsTheSwitchWouldReportThem)
 TEST(LinuxFrames, ChecksumsLeftToTheHardwareAreCompleted)
 {
     Dhcp4Frame f;
-    f.msgType(3).opt(50, ipv4(0xC0000205)).end();
-    std::vector<uint8_t> v4 = f.build();
+    const Bytes ready = f.msgType(3).opt(50, ipv4(0xC0000205)).end().build();
+    Bytes v4 = ready;
     v4[14 + 20 + 6] = 0x12; /* a partial sum, as the sender's kernel leaves it */
     v4[14 + 20 + 7] = 0x34;
     ASSERT_FALSE(udp4_checksum_ok(v4.data(), 14));
-    std::vector<uint8_t> buf(v4);
-    buf.resize(2052);
     LinuxRxInfo info;
-    linux_adapt_frame(buf.data(), uint32_t(v4.size()), 2052, false, 0, 0, true, 1, 1, 0x8100, info);
-    EXPECT_TRUE(udp4_checksum_ok(buf.data(), 14));
-    EXPECT_TRUE(ipv4_checksum_ok(buf.data(), 14));
+    Bytes out = adapt(v4, false, 0, true, info);
+    EXPECT_TRUE(udp4_checksum_ok(out.data(), 14) && ipv4_checksum_ok(out.data(), 14));
+    /* a checksum that is ready is left alone */
+    EXPECT_EQ(adapt(v4, false, 0, false, info), v4);
 
     Dhcp6Frame g;
-    g.opt(8, {0, 0});
-    std::vector<uint8_t> v6 = g.build();
+    Bytes v6 = g.opt(8, {0, 0}).build();
     v6[14 + 40 + 6] ^= 0xFF;
-    ASSERT_FALSE(udp6_checksum_ok(v6.data(), 14));
-    buf.assign(v6.begin(), v6.end());
-    buf.resize(2052);
-    /* with the tag put back first */
-    linux_adapt_frame(buf.data(), uint32_t(v6.size()), 2052, true, 12, 0, true, 1, 1, 0x8100, info);
+    out = adapt(v6, true, 12, true, info); /* with the tag put back first */
     EXPECT_EQ(info.l2HdrLen, 18);
-    EXPECT_TRUE(udp6_checksum_ok(buf.data(), 18));
-
-    /* a checksum that is ready is left alone */
-    std::vector<uint8_t> ready = f.build();
-    ready[14 + 20 + 6] ^= 1;
-    buf.assign(ready.begin(), ready.end());
-    buf.resize(2052);
-    linux_adapt_frame(buf.data(), uint32_t(ready.size()), 2052, false, 0, 0, false, 1, 1, 0x8100, info);
-    EXPECT_FALSE(udp4_checksum_ok(buf.data(), 14));
+    EXPECT_TRUE(udp6_checksum_ok(out.data(), 18));
 }
 
 /* Does the data sockets' kernel filter let the frame through?  A datagram
  * socket pair runs the same filter without privileges. */
-bool filter_passes(bool v6, const std::vector<uint8_t> &frame)
+bool filter_passes(bool v6, const Bytes &frame)
 {
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sv) != 0)
@@ -253,25 +232,25 @@ TEST(LinuxFrames, ReceiveFilterFindsDhcpBehindTagsIpOptionsAndExtensionHeaders)
         change(f);
         return f.build();
     };
-    auto outer = [](std::vector<uint8_t> fr, uint16_t tpid) {
+    auto outer = [](Bytes fr, uint16_t tpid) {
         fr[12] = uint8_t(tpid >> 8);
         fr[13] = uint8_t(tpid);
         return fr;
     };
-    auto v6 = [](uint8_t next, std::vector<uint8_t> ext) {
+    auto v6 = [](uint8_t next, Bytes ext) {
         Dhcp6Frame f;
         f.nextHeader = next;
         f.ext = ext;
         return f.build();
     };
-    const std::vector<uint8_t> hbh = {17, 0, 1, 4, 0, 0, 0, 0};
-    const std::vector<uint8_t> hbhThenDst = {60, 0, 1, 4, 0, 0, 0, 0, 17, 1, 1, 12,
-                                             0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    std::vector<uint8_t> qinq = v4([](Dhcp4Frame &f) { f.vlans = {30, 40}; });
+    const Bytes hbh = {17, 0, 1, 4, 0, 0, 0, 0};
+    Bytes hbhThenDst = {60, 0, 1, 4, 0, 0, 0, 0, 17, 1, 1, 12};
+    hbhThenDst.resize(24);
+    const Bytes qinq = v4([](Dhcp4Frame &f) { f.vlans = {30, 40}; });
     struct Case {
         const char *what;
         bool v6;
-        std::vector<uint8_t> frame;
+        Bytes frame;
         bool pass;
     } cases[] = {
         {"untagged DHCPv4", false, v4([](Dhcp4Frame &) {}), true},
@@ -293,10 +272,10 @@ TEST(LinuxFrames, ReceiveFilterFindsDhcpBehindTagsIpOptionsAndExtensionHeaders)
         EXPECT_EQ(filter_passes(c.v6, c.frame), c.pass) << c.what;
 }
 
-namespace {
-std::vector<uint8_t> link_message(uint16_t type, std::vector<std::pair<uint16_t, uint16_t>> attrs)
+/* A link message with attributes (type, length), each padded to 4. */
+Bytes link_message(uint16_t type, std::vector<std::pair<uint16_t, uint16_t>> attrs)
 {
-    std::vector<uint8_t> m(32, 0);
+    Bytes m(32, 0);
     for (auto &[t, len] : attrs) {
         size_t at = m.size();
         m.resize(at + ((len + 3u) & ~3u), 0);
@@ -309,34 +288,29 @@ std::vector<uint8_t> link_message(uint16_t type, std::vector<std::pair<uint16_t,
     return m;
 }
 
-uint16_t attr_type(const std::vector<uint8_t> &m, size_t at)
-{
-    uint16_t t;
-    memcpy(&t, &m[at + 2], 2);
-    return t;
-}
-} // namespace
-
 TEST(LinuxNetlink, StockLinkAttributesNeverLookLikeAggregationEvents)
 {
+    auto types = [](const Bytes &m, std::vector<size_t> at) {
+        std::vector<uint16_t> t;
+        for (size_t a : at)
+            memcpy(&t.emplace_back(), &m[a + 2], 2);
+        return t;
+    };
     auto a = link_message(RTM_NEWLINK, {{3, 8}, {38, 8}, {52, 8}, {0x8000 | 53, 4}, {49, 4}});
     auto b = link_message(RTM_DELLINK, {{38, 8}});
-    std::vector<uint8_t> dgram(a);
+    Bytes dgram(a);
     dgram.insert(dgram.end(), b.begin(), b.end());
     linux_filter_netlink(dgram.data(), dgram.size());
-    EXPECT_EQ(attr_type(dgram, 32), 3);
-    EXPECT_EQ(attr_type(dgram, 40), 0x3FFF);
-    EXPECT_EQ(attr_type(dgram, 48), 0x3FFF);
-    EXPECT_EQ(attr_type(dgram, 56), 0x3FFF);
-    EXPECT_EQ(attr_type(dgram, 60), 0x3FFF);
-    EXPECT_EQ(attr_type(dgram, a.size() + 32), 38); /* only link news carry them */
+    /* only link news carry them */
+    EXPECT_EQ(types(dgram, {32, 40, 48, 56, 60, a.size() + 32}),
+              (std::vector<uint16_t>{3, 0x3FFF, 0x3FFF, 0x3FFF, 0x3FFF, 38}));
 
     /* lengths that lie stop the walk inside the datagram */
     auto c = link_message(RTM_NEWLINK, {{38, 8}});
-    uint16_t huge = 0xFFF0;
+    const uint16_t huge = 0xFFF0;
     memcpy(&c[32], &huge, 2);
     linux_filter_netlink(c.data(), c.size());
-    EXPECT_EQ(attr_type(c, 32), 38);
+    EXPECT_EQ(types(c, {32}), std::vector<uint16_t>{38});
     uint32_t tooLong = 4096;
     memcpy(&c[0], &tooLong, 4);
     linux_filter_netlink(c.data(), c.size());
@@ -376,6 +350,11 @@ TEST(LinuxHardwareState, OneLinePerRecordUpdatedInPlaceAndSlotsReused)
     std::string path = testing::TempDir() + "dhcpsnoop-hw-state";
     ASSERT_EQ(linux_hw_state_open(path.c_str(), 2), 0);
     const uint32_t ADD = 0x3E800DF, DEL = 0x3E800E0;
+    auto v6 = hw_record(9, 0x80);
+    v6[16] = 0x20, v6[17] = 0x01, v6[18] = 0x0d, v6[19] = 0xb8, v6[39] = 0x80;
+    linux_hw_state_update(9, ADD, v6.data());
+    EXPECT_EQ(state_lines(path), std::vector<std::string>{"9 2001:db8:: 02:00:00:00:00:09 10 ipsg"});
+    linux_hw_state_update(9, DEL, v6.data());
     for (uint8_t b : {5, 6, 7})
         linux_hw_state_update(9, ADD, hw_record(b, 0x80).data());
     linux_hw_state_update(9, ADD, hw_record(6, 0x40).data()); /* a second rule, same address */

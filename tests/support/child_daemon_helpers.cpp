@@ -39,25 +39,23 @@ int quiet_setsockopt(int fd, int level, int name, const void *value, socklen_t l
     return g_quiet.count(fd) ? 0 : setsockopt(fd, level, name, value, len);
 }
 
-int private_bind(int fd, const struct sockaddr *addr, socklen_t len)
+int quiet_ioctl(int fd, unsigned long request, int *arg)
 {
-    if (g_quiet.count(fd))
-        return 0;
-    if (addr && addr->sa_family == AF_UNIX) {
-        struct sockaddr_un un;
-        memset(&un, 0, sizeof un);
-        un.sun_family = AF_UNIX;
-        strncpy(un.sun_path, g_path.c_str(), sizeof un.sun_path - 1);
-        return bind(fd, reinterpret_cast<struct sockaddr *>(&un), sizeof un);
-    }
-    return bind(fd, addr, len);
+    return g_quiet.count(fd) ? 0 : ioctl(fd, request, arg);
 }
 
 int private_unlink(const char *) { return unlink(g_path.c_str()); }
 
-int quiet_ioctl(int fd, unsigned long request, int *arg)
+int private_bind(int fd, const struct sockaddr *addr, socklen_t len)
 {
-    return g_quiet.count(fd) ? 0 : ioctl(fd, request, arg);
+    if (g_quiet.count(fd))
+        return 0;
+    if (!addr || addr->sa_family != AF_UNIX)
+        return bind(fd, addr, len);
+    struct sockaddr_un un {};
+    un.sun_family = AF_UNIX;
+    strncpy(un.sun_path, g_path.c_str(), sizeof un.sun_path - 1);
+    return bind(fd, reinterpret_cast<struct sockaddr *>(&un), sizeof un);
 }
 
 } // namespace
@@ -102,7 +100,7 @@ bool ChildDaemon::start(const std::string &socketPath, const ChildDaemonOptions 
         gDhcpsnoop.cmdSock = gDhcpsnoop.rtSock = -1;
         dhcpsnoop_shutdown();
         dhcpsnoop_timer_reset();
-        if (dhcpsnoop_init_ex(20, o.userMax, 0, 3, nullptr, nullptr, nullptr) != 0)
+        if (dhcpsnoop_init_ex(20, 2000, 0, 3, nullptr, nullptr, nullptr) != 0)
             _exit(1);
         if (o.enablePorts)
             for (uint32_t idx : o.ports)

@@ -1,8 +1,6 @@
-/*
- * A second daemon in a child process, on the simulated platform, reachable
- * only through its command socket at a private path.  Its packet and
- * netlink sockets are quiet ends of socket pairs, so it needs no privilege.
- */
+/* A second daemon in a child process on the simulated platform, reached only
+ * through its command socket at a private path; its packet and netlink
+ * sockets are quiet ends of socket pairs, so it needs no privilege. */
 #ifndef DHCPSNOOP_CHILD_DAEMON_HELPERS_H
 #define DHCPSNOOP_CHILD_DAEMON_HELPERS_H
 
@@ -13,18 +11,16 @@
 #include <vector>
 
 struct ChildDaemonOptions {
-    std::vector<uint32_t> ports;                          /* named swp<index> */
-    std::vector<std::pair<uint32_t, uint16_t>> vlanIfs;   /* index, VLAN */
-    int32_t s53 = 1, s54 = 1;                             /* redundancy scalars: None */
-    bool enablePorts = false;                             /* snooping on the ports */
-    uint16_t userMax = 2000;
+    std::vector<uint32_t> ports;                        /* named swp<index> */
+    std::vector<std::pair<uint32_t, uint16_t>> vlanIfs; /* index, VLAN */
+    int32_t s53 = 1, s54 = 1;                           /* redundancy scalars: None */
+    bool enablePorts = false;
     uint32_t hwDrops = 0; /* the hardware's source-guard drops of a port; ARP inspection's + 1 */
 };
 
 class ChildDaemon {
 public:
-    /* Start the daemon.  Returns false when it did not come up within a few
-     * seconds. */
+    /* False when it did not come up within a few seconds. */
     bool start(const std::string &socketPath, const ChildDaemonOptions &options);
     void stop();
     ~ChildDaemon() { stop(); }

@@ -15,41 +15,60 @@ namespace {
 
 FakeSys g_fake;
 
+const char *kind_name(FakeKind k)
+{
+    static const char *names[] = {"data4", "data6", "cmd", "netlink", "udp", "conn", "other"};
+    return names[int(k)];
+}
+
 std::string call_name(const char *fn, int fd)
 {
-    auto it = g_fake.socks.find(fd);
-    return std::string(fn) + ":" +
-           (it == g_fake.socks.end() ? std::to_string(fd) : fake_kind_name(it->second.kind));
+    FakeSock *s = g_fake.sock(fd);
+    return std::string(fn) + ":" + (s ? kind_name(s->kind) : std::to_string(fd));
 }
+
+/* The socket, or EBADF. */
+FakeSock *need(int fd)
+{
+    FakeSock *s = g_fake.sock(fd);
+    if (!s)
+        errno = EBADF;
+    return s;
+}
+
+long kind_arg(FakeSock *s) { return s ? long(s->kind) : -1; }
 
 FakeKind kind_of(int domain, int type, int protocol)
 {
-    if (domain == AF_PACKET && protocol == htons(ETH_P_IP))
-        return FakeKind::Data4;
-    if (domain == AF_PACKET && protocol == htons(ETH_P_IPV6))
-        return FakeKind::Data6;
+    if (domain == AF_PACKET)
+        return protocol == htons(ETH_P_IP)     ? FakeKind::Data4
+               : protocol == htons(ETH_P_IPV6) ? FakeKind::Data6
+                                               : FakeKind::Other;
     if (domain == AF_UNIX)
         return FakeKind::Cmd;
     if (domain == AF_NETLINK)
         return FakeKind::Netlink;
-    if (domain == AF_INET && type == SOCK_DGRAM)
-        return FakeKind::Udp;
-    return FakeKind::Other;
+    return domain == AF_INET && type == SOCK_DGRAM ? FakeKind::Udp : FakeKind::Other;
+}
+
+int new_sock(FakeKind kind, int type, int protocol)
+{
+    FakeSock s;
+    s.fd = g_fake.nextFd++;
+    s.kind = kind;
+    s.type = type;
+    s.protocol = protocol;
+    g_fake.socks[s.fd] = s;
+    return s.fd;
 }
 
 int f_socket(int domain, int type, int protocol)
 {
     if (g_fake.fail("socket", domain))
         return -1;
-    FakeSock s;
-    s.fd = g_fake.nextFd++;
-    s.kind = kind_of(domain, type, protocol);
-    s.domain = domain;
-    s.type = type;
-    s.protocol = protocol;
-    g_fake.socks[s.fd] = s;
-    g_fake.calls.push_back(call_name("socket", s.fd));
-    return s.fd;
+    int fd = new_sock(kind_of(domain, type, protocol), type, protocol);
+    g_fake.calls.push_back(call_name("socket", fd));
+    return fd;
 }
 
 int f_setsockopt(int fd, int level, int name, const void *value, socklen_t len)
@@ -57,15 +76,11 @@ int f_setsockopt(int fd, int level, int name, const void *value, socklen_t len)
     int v = 0;
     if (value && len >= sizeof v)
         memcpy(&v, value, sizeof v);
-    long arg = (level == 270 && name == NETLINK_ADD_MEMBERSHIP) ? v : name;
-    if (g_fake.fail("setsockopt", arg))
+    const bool join = level == 270 && name == NETLINK_ADD_MEMBERSHIP;
+    FakeSock *s;
+    if (g_fake.fail("setsockopt", join ? v : name) || !(s = need(fd)))
         return -1;
-    FakeSock *s = g_fake.sock(fd);
-    if (!s) {
-        errno = EBADF;
-        return -1;
-    }
-    if (level == 270 && name == NETLINK_ADD_MEMBERSHIP)
+    if (join)
         s->groups.push_back(v);
     else
         s->options[{level, name}] = v;
@@ -75,12 +90,8 @@ int f_setsockopt(int fd, int level, int name, const void *value, socklen_t len)
 int f_bind(int fd, const struct sockaddr *addr, socklen_t len)
 {
     FakeSock *s = g_fake.sock(fd);
-    if (g_fake.fail("bind", s ? long(s->kind) : -1))
+    if (g_fake.fail("bind", kind_arg(s)) || !need(fd))
         return -1;
-    if (!s) {
-        errno = EBADF;
-        return -1;
-    }
     s->bound = true;
     s->bindLen = len;
     if (addr && addr->sa_family == AF_UNIX)
@@ -90,13 +101,9 @@ int f_bind(int fd, const struct sockaddr *addr, socklen_t len)
 
 int f_listen(int fd, int backlog)
 {
-    if (g_fake.fail("listen", -1))
+    FakeSock *s;
+    if (g_fake.fail("listen", -1) || !(s = need(fd)))
         return -1;
-    FakeSock *s = g_fake.sock(fd);
-    if (!s) {
-        errno = EBADF;
-        return -1;
-    }
     s->listening = true;
     s->backlog = backlog;
     return 0;
@@ -111,13 +118,10 @@ int f_accept(int fd, struct sockaddr *, socklen_t *)
         errno = EAGAIN;
         return -1;
     }
-    FakeSock s;
-    s.fd = g_fake.nextFd++;
-    s.kind = FakeKind::Conn;
-    g_fake.socks[s.fd] = s;
-    g_fake.conns[s.fd] = g_fake.pendingConns.front();
+    int c = new_sock(FakeKind::Conn, 0, 0);
+    g_fake.conns[c] = g_fake.pendingConns.front();
     g_fake.pendingConns.pop_front();
-    return s.fd;
+    return c;
 }
 
 int f_unlink(const char *path)
@@ -129,11 +133,9 @@ int f_unlink(const char *path)
 int f_close(int fd)
 {
     g_fake.closedFds.push_back(fd);
-    FakeSock *s = g_fake.sock(fd);
-    if (!s) {
-        errno = EBADF;
+    FakeSock *s = need(fd);
+    if (!s)
         return -1;
-    }
     s->closed = true;
     auto c = g_fake.conns.find(fd);
     if (c != g_fake.conns.end()) {
@@ -146,13 +148,9 @@ int f_close(int fd)
 
 int f_ioctl(int fd, unsigned long request, int *arg)
 {
-    if (g_fake.fail("ioctl", -1))
+    FakeSock *s;
+    if (g_fake.fail("ioctl", -1) || !(s = need(fd)))
         return -1;
-    FakeSock *s = g_fake.sock(fd);
-    if (!s) {
-        errno = EBADF;
-        return -1;
-    }
     if (request == FIONBIO && arg)
         s->nonblocking = *arg != 0;
     return 0;
@@ -160,9 +158,7 @@ int f_ioctl(int fd, unsigned long request, int *arg)
 
 bool readable(const FakeSock &s)
 {
-    if (s.closed)
-        return false;
-    switch (s.kind) {
+    switch (s.closed ? FakeKind::Other : s.kind) {
     case FakeKind::Data4:
         return !g_fake.frames4.empty();
     case FakeKind::Data6:
@@ -178,25 +174,22 @@ bool readable(const FakeSock &s)
 
 int f_select(int nfds, fd_set *rd, fd_set *, fd_set *, struct timeval *tv)
 {
-    g_fake.selectCalls++;
     g_fake.calls.push_back("select");
     g_fake.lastNfds = nfds;
+    FD_ZERO(&g_fake.lastReadSet);
     if (rd)
         g_fake.lastReadSet = *rd;
-    else
-        FD_ZERO(&g_fake.lastReadSet);
     g_fake.lastTimeout = tv ? tv->tv_sec : -1;
     if (g_fake.selectResult)
         return *g_fake.selectResult;
     fd_set out;
     FD_ZERO(&out);
     int n = 0;
-    for (auto &[fd, s] : g_fake.socks) {
+    for (auto &[fd, s] : g_fake.socks)
         if (fd < nfds && rd && FD_ISSET(fd, rd) && readable(s)) {
             FD_SET(fd, &out);
             n++;
         }
-    }
     if (rd)
         *rd = out;
     if (n == 0 && g_fake.selectAdvancesClock && tv)
@@ -204,8 +197,8 @@ int f_select(int nfds, fd_set *rd, fd_set *, fd_set *, struct timeval *tv)
     return n;
 }
 
-/* Write the packet-information message the way the kernel does: only when
- * the caller's control room holds it; the used length is handed back. */
+/* The packet-information message as the kernel writes it: only when the
+ * caller's control room holds it; the used length is handed back. */
 void deliver_control(struct msghdr *msg, const FakeFrame &f)
 {
     if (f.rawControl) {
@@ -215,17 +208,14 @@ void deliver_control(struct msghdr *msg, const FakeFrame &f)
         msg->msg_controllen = n;
         return;
     }
-    if (!f.withInfo) {
-        msg->msg_controllen = 0;
-        return;
-    }
     uint8_t payload[28] = {0};
     memcpy(payload, &f.ingress, 4);
     memcpy(payload + 20, &f.outerVid, 2);
     memcpy(payload + 22, &f.innerVid, 2);
     payload[24] = f.l2HdrLen;
-    if (!msg->msg_control || msg->msg_controllen < CMSG_SPACE(sizeof payload)) {
+    if (f.withInfo && (!msg->msg_control || msg->msg_controllen < CMSG_SPACE(sizeof payload)))
         msg->msg_flags |= MSG_CTRUNC;
+    if (!f.withInfo || (msg->msg_flags & MSG_CTRUNC)) {
         msg->msg_controllen = 0;
         return;
     }
@@ -241,27 +231,24 @@ ssize_t f_recvmsg(int fd, struct msghdr *msg, int)
 {
     g_fake.calls.push_back(call_name("recvmsg", fd));
     FakeSock *s = g_fake.sock(fd);
-    if (g_fake.fail("recvmsg", s ? long(s->kind) : -1))
+    if (g_fake.fail("recvmsg", kind_arg(s)))
         return -1;
-    std::deque<FakeFrame> *q = nullptr;
-    if (s && s->kind == FakeKind::Data4)
-        q = &g_fake.frames4;
-    else if (s && s->kind == FakeKind::Data6)
-        q = &g_fake.frames6;
+    auto *q = !s                           ? nullptr
+              : s->kind == FakeKind::Data4 ? &g_fake.frames4
+              : s->kind == FakeKind::Data6 ? &g_fake.frames6
+                                           : nullptr;
     if (!q || q->empty()) {
         errno = EAGAIN;
         return -1;
     }
     FakeFrame f = q->front();
     q->pop_front();
-    size_t room = msg->msg_iovlen ? msg->msg_iov[0].iov_len : 0;
-    size_t n = std::min(room, f.bytes.size());
+    size_t n = std::min(msg->msg_iovlen ? msg->msg_iov[0].iov_len : 0, f.bytes.size());
     if (n)
         memcpy(msg->msg_iov[0].iov_base, f.bytes.data(), n);
     msg->msg_flags = 0;
     if (msg->msg_name && msg->msg_namelen >= sizeof(struct sockaddr_ll)) {
-        struct sockaddr_ll ll;
-        memset(&ll, 0, sizeof ll);
+        struct sockaddr_ll ll {};
         ll.sll_family = AF_PACKET;
         ll.sll_ifindex = f.sllIfindex;
         memcpy(msg->msg_name, &ll, sizeof ll);
@@ -309,19 +296,21 @@ ssize_t f_recv(int fd, void *buf, size_t len, int)
     return ssize_t(n);
 }
 
+std::vector<uint8_t> bytes_of(const void *p, size_t n)
+{
+    auto *b = static_cast<const uint8_t *>(p);
+    return p ? std::vector<uint8_t>(b, b + n) : std::vector<uint8_t>();
+}
+
 ssize_t f_sendto(int fd, const void *buf, size_t len, int, const struct sockaddr *addr,
                  socklen_t alen)
 {
     g_fake.calls.push_back(call_name("sendto", fd));
     FakeSock *s = g_fake.sock(fd);
-    if (g_fake.fail("sendto", s ? long(s->kind) : -1))
+    if (g_fake.fail("sendto", kind_arg(s)))
         return -1;
-    FakeSent sent{fd, s ? s->kind : FakeKind::Other, {}, {}, {}};
-    sent.bytes.assign(static_cast<const uint8_t *>(buf), static_cast<const uint8_t *>(buf) + len);
-    if (addr)
-        sent.addr.assign(reinterpret_cast<const uint8_t *>(addr),
-                         reinterpret_cast<const uint8_t *>(addr) + alen);
-    g_fake.sent.push_back(sent);
+    g_fake.sent.push_back(
+        {fd, s ? s->kind : FakeKind::Other, bytes_of(buf, len), bytes_of(addr, alen), {}});
     return ssize_t(len);
 }
 
@@ -329,26 +318,20 @@ ssize_t f_sendmsg(int fd, const struct msghdr *msg, int)
 {
     g_fake.calls.push_back(call_name("sendmsg", fd));
     FakeSock *s = g_fake.sock(fd);
-    if (g_fake.fail("sendmsg", s ? long(s->kind) : -1))
+    if (g_fake.fail("sendmsg", kind_arg(s)))
         return -1;
     std::vector<uint8_t> bytes;
     for (size_t i = 0; i < msg->msg_iovlen; i++) {
-        auto *b = static_cast<const uint8_t *>(msg->msg_iov[i].iov_base);
-        bytes.insert(bytes.end(), b, b + msg->msg_iov[i].iov_len);
+        auto part = bytes_of(msg->msg_iov[i].iov_base, msg->msg_iov[i].iov_len);
+        bytes.insert(bytes.end(), part.begin(), part.end());
     }
     auto c = g_fake.conns.find(fd);
-    if (c != g_fake.conns.end()) {
+    if (c != g_fake.conns.end())
         c->second.output.insert(c->second.output.end(), bytes.begin(), bytes.end());
-        return ssize_t(bytes.size());
-    }
-    FakeSent sent{fd, s ? s->kind : FakeKind::Other, bytes, {}, {}};
-    if (msg->msg_name)
-        sent.addr.assign(static_cast<const uint8_t *>(msg->msg_name),
-                         static_cast<const uint8_t *>(msg->msg_name) + msg->msg_namelen);
-    if (msg->msg_control)
-        sent.control.assign(static_cast<const uint8_t *>(msg->msg_control),
-                            static_cast<const uint8_t *>(msg->msg_control) + msg->msg_controllen);
-    g_fake.sent.push_back(sent);
+    else
+        g_fake.sent.push_back({fd, s ? s->kind : FakeKind::Other, bytes,
+                               bytes_of(msg->msg_name, msg->msg_namelen),
+                               bytes_of(msg->msg_control, msg->msg_controllen)});
     return ssize_t(bytes.size());
 }
 
@@ -363,13 +346,9 @@ double f_difftime(time_t a, time_t b) { return difftime(a, b); }
 
 void *f_calloc(size_t n, size_t size)
 {
-    if (g_fake.fail("calloc", -1))
-        return nullptr;
-    void *p = calloc(n, size);
-    if (p) {
+    void *p = g_fake.fail("calloc", -1) ? nullptr : calloc(n, size);
+    if (p)
         g_fake.live.insert(p);
-        g_fake.allocations++;
-    }
     return p;
 }
 
@@ -380,35 +359,14 @@ void f_free(void *p)
 }
 
 const DhcpsnoopSysOps fake_ops = {
-    f_socket, f_setsockopt, f_bind,     f_listen, f_accept,  f_unlink,   f_close,
-    f_ioctl,  f_select,     f_recvmsg,  f_recvfrom, f_recv,  f_sendto,   f_sendmsg,
-    f_time,   f_difftime,   f_calloc,   f_free,
+    f_socket, f_setsockopt, f_bind,    f_listen,   f_accept, f_unlink, f_close,
+    f_ioctl,  f_select,     f_recvmsg, f_recvfrom, f_recv,   f_sendto, f_sendmsg,
+    f_time,   f_difftime,   f_calloc,  f_free,
 };
 
 } // namespace
 
-const char *fake_kind_name(FakeKind k)
-{
-    switch (k) {
-    case FakeKind::Data4:
-        return "data4";
-    case FakeKind::Data6:
-        return "data6";
-    case FakeKind::Cmd:
-        return "cmd";
-    case FakeKind::Netlink:
-        return "netlink";
-    case FakeKind::Udp:
-        return "udp";
-    case FakeKind::Conn:
-        return "conn";
-    default:
-        return "other";
-    }
-}
-
 FakeSys &FakeSys::get() { return g_fake; }
-
 void FakeSys::install() { dhcpsnoop_sys_set(&fake_ops); }
 void FakeSys::uninstall() { dhcpsnoop_sys_set(nullptr); }
 
@@ -428,15 +386,11 @@ void FakeSys::failCall(const std::string &fn, int nth, long arg, int err)
 
 int FakeSys::fail(const char *fn, long arg)
 {
-    for (auto &f : fails) {
-        if (f.fn != fn || (f.arg != -1 && f.arg != arg))
-            continue;
-        f.seen++;
-        if (f.nth == 0 || f.seen == f.nth) {
+    for (auto &f : fails)
+        if (f.fn == fn && (f.arg == -1 || f.arg == arg) && (++f.seen == f.nth || f.nth == 0)) {
             errno = f.err;
             return 1;
         }
-    }
     return 0;
 }
 
@@ -453,8 +407,7 @@ size_t FakeSys::openCount() const
 {
     size_t n = 0;
     for (auto &[fd, s] : socks)
-        if (!s.closed)
-            n++;
+        n += !s.closed;
     return n;
 }
 

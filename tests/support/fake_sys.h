@@ -1,10 +1,5 @@
-/*
- * A test double for the system-call seam: sockets that exist only in memory.
- *
- * Tests queue frames (with or without the packet-information control message),
- * netlink datagrams and command connections, read what the daemon sent, make
- * any call fail, and move the clock.  Nothing here touches a real descriptor.
- */
+/* The system-call seam in memory: queued frames, netlink datagrams and command
+ * connections, what the daemon sent, failing calls and a clock of our own. */
 #ifndef DHCPSNOOP_FAKE_SYS_H
 #define DHCPSNOOP_FAKE_SYS_H
 
@@ -26,7 +21,7 @@ enum class FakeKind { Data4, Data6, Cmd, Netlink, Udp, Conn, Other };
 struct FakeSock {
     int fd = -1;
     FakeKind kind = FakeKind::Other;
-    int domain = 0, type = 0, protocol = 0;
+    int type = 0, protocol = 0;
     std::map<std::pair<int, int>, int> options; /* (level, name) -> int value */
     std::vector<int> groups;                    /* netlink groups joined */
     bool bound = false, listening = false, nonblocking = false, closed = false;
@@ -35,33 +30,30 @@ struct FakeSock {
     socklen_t bindLen = 0;
 };
 
-/* One frame for a data socket. */
+/* One frame for a data socket, with the packet-information message's fields. */
 struct FakeFrame {
     std::vector<uint8_t> bytes;
-    bool withInfo = true;      /* attach the packet-information message */
-    uint32_t ingress = 0;      /* payload offset 0 */
-    uint16_t outerVid = 0;     /* payload offset 20 */
-    uint16_t innerVid = 0;     /* payload offset 22 */
-    uint8_t l2HdrLen = 14;     /* payload offset 24 */
-    int sllIfindex = 0;        /* the link-layer source address's interface */
+    bool withInfo = true;
+    uint32_t ingress = 0;
+    uint16_t outerVid = 0, innerVid = 0;
+    uint8_t l2HdrLen = 14;
+    int sllIfindex = 0;
     std::optional<std::vector<uint8_t>> rawControl; /* control bytes as given */
-    ssize_t result = -2;       /* force recvmsg's result (-2: the frame's length) */
+    ssize_t result = -2;                            /* recvmsg's result (-2: the length) */
 };
 
 struct FakeConn {
-    std::vector<uint8_t> input;  /* what the client sends */
+    std::vector<uint8_t> input; /* what the client sends */
     size_t readPos = 0;
     std::vector<uint8_t> output; /* what the daemon answered */
     bool closed = false;
-    size_t chunk = 0;            /* most bytes one recv hands over (0: no limit) */
+    size_t chunk = 0; /* most bytes one recv hands over (0: no limit) */
 };
 
 struct FakeSent {
     int fd;
     FakeKind kind;
-    std::vector<uint8_t> bytes;
-    std::vector<uint8_t> addr;    /* the destination address record */
-    std::vector<uint8_t> control; /* sendmsg's control bytes */
+    std::vector<uint8_t> bytes, addr, control;
 };
 
 class FakeSys {
@@ -71,25 +63,22 @@ public:
     void uninstall();
     void reset();
 
-    /* Make the nth call (1-based; 0 = every call) of `fn` whose argument
-     * matches `arg` (-1 = any) fail with errno `err`.  The argument is the
-     * domain for socket, the option name for setsockopt (the group number for
-     * netlink memberships), the kind for the socket calls' descriptor. */
+    /* Fail the nth call (1-based; 0 = every call) of `fn` whose argument is
+     * `arg` (-1 = any): the domain for socket, the option name for setsockopt
+     * (the group for netlink memberships), the socket's kind otherwise. */
     void failCall(const std::string &fn, int nth = 1, long arg = -1, int err = EIO);
 
     int fdOf(FakeKind kind) const; /* the newest open socket of that kind */
-    size_t openCount() const;      /* sockets not yet closed */
+    size_t openCount() const;
     FakeSock *sock(int fd);
 
-    /* --- inputs --- */
     std::deque<FakeFrame> frames4, frames6;
     std::deque<std::vector<uint8_t>> netlink;
     std::deque<FakeConn> pendingConns;
-    std::optional<int> selectResult; /* force select's result */
+    std::optional<int> selectResult;
     bool selectAdvancesClock = true; /* a select with nothing ready waits out its time-out */
     time_t now = 1000000;
 
-    /* --- observations --- */
     std::vector<std::string> calls; /* "recvmsg:data4", "accept:cmd", ... in order */
     std::vector<int> closedFds;
     std::vector<std::string> unlinked;
@@ -99,11 +88,8 @@ public:
     fd_set lastReadSet;
     int lastNfds = 0;
     long lastTimeout = -1;
-    int selectCalls = 0;
     size_t liveAllocations() const { return live.size(); }
-    size_t allocations = 0;
 
-    /* --- the seam's functions --- */
     int fail(const char *fn, long arg);
     std::map<int, FakeSock> socks;
     int nextFd = 3;
@@ -119,7 +105,5 @@ private:
     };
     std::vector<Fail> fails;
 };
-
-const char *fake_kind_name(FakeKind k);
 
 #endif

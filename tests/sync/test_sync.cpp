@@ -6,56 +6,33 @@
 #include "daemon_fixture.h"
 
 namespace {
+using Bytes = std::vector<uint8_t>;
 
 /* A value's bytes in host order, as records carry them. */
-template <class T> std::vector<uint8_t> bytes_of(T v)
-{
-    std::vector<uint8_t> b(sizeof v);
-    memcpy(b.data(), &v, sizeof v);
-    return b;
-}
+template <class T> Bytes bytes_of(T v) { return Bytes((uint8_t *)&v, (uint8_t *)&v + sizeof v); }
 
-template <class T> T at(const std::vector<uint8_t> &b, size_t off)
+Bytes cat(std::initializer_list<Bytes> parts)
 {
-    T v;
-    memcpy(&v, b.data() + off, sizeof v);
-    return v;
-}
-
-std::vector<uint8_t> user_record(const DhcpsnoopUser *u, uint32_t add)
-{
-    std::vector<uint8_t> out(60);
-    EXPECT_EQ(dhcpsnoop_sync_user_pkt_build(u, add, out.data()), 60u);
-    return out;
-}
-
-/* A dynamic binding of `key` outside the table, to build records from. */
-DhcpsnoopUser record_user(const DhcpsnoopUserKey &key)
-{
-    DhcpsnoopUser u{};
-    memcpy(dhcpsnoop_user_key(&u), &key, 20);
-    u.userType = DHCPSNOOP_USER_DYNAMIC;
-    return u;
-}
-
-void set_len(std::vector<uint8_t> &b, size_t off, uint16_t len) { memcpy(&b[off + 2], &len, 2); }
-
-/* Hand a buffer over exactly as large as its bytes, so a read past it shows. */
-void receive(const std::vector<uint8_t> &bytes)
-{
-    std::vector<uint8_t> copy(bytes);
-    QorTextPair d{copy.empty() ? nullptr : copy.data(), uint32_t(copy.size())};
-    dhcpsnoop_sync_pkt_recv(&d);
-}
-
-std::vector<uint8_t> cat(std::initializer_list<std::vector<uint8_t>> parts)
-{
-    std::vector<uint8_t> out;
+    Bytes out;
     for (auto &p : parts)
         out.insert(out.end(), p.begin(), p.end());
     return out;
 }
 
+Bytes user_record(const DhcpsnoopUser *u, uint32_t add)
+{
+    Bytes out(60);
+    EXPECT_EQ(dhcpsnoop_sync_user_pkt_build(u, add, out.data()), 60u);
+    return out;
+}
+
+/* Hand a buffer over exactly as large as its bytes, so a read past it shows. */
+void receive(const Bytes &bytes)
+{
+    Bytes copy(bytes);
+    QorTextPair d{copy.empty() ? nullptr : copy.data(), uint32_t(copy.size())};
+    dhcpsnoop_sync_pkt_recv(&d);
+}
 } // namespace
 
 class SyncTest : public BindingFixture {
@@ -65,21 +42,23 @@ protected:
         DaemonTest::SetUp();
         startWithPorts(40);
     }
-
     void addUsers(int n, uint8_t net = 1)
     {
         for (int i = 0; i < n; i++)
             ASSERT_NE(make_user(v4key(10, net, 0, uint8_t(i)), DHCPSNOOP_USER_DYNAMIC, 3, 10),
                       nullptr);
     }
-
-    std::vector<size_t> sentSizes()
+    void clearTables()
     {
-        std::vector<size_t> out;
-        for (auto &b : sync_buffers())
-            out.push_back(b.size());
-        return out;
+        for (auto &head : gDhcpsnoop.userHash)
+            while (!dhcpsnoop_list_empty(&head))
+                dhcpsnoop_user_delete(dhcpsnoop_entry<DhcpsnoopUser>(head.next));
+        for (DhcpsnoopServer *srv : server_list())
+            dhcpsnoop_server_delete(srv);
     }
+    /* A dynamic binding of 10.0.0.1 outside the table, to build records from. */
+    DhcpsnoopUser tmpl{};
+    DhcpsnoopUserKey k = v4key(10, 0, 0, 1);
 };
 
 TEST_F(SyncTest, RecordLayouts)
@@ -104,8 +83,7 @@ TEST_F(SyncTest, RecordLayouts)
                    bytes_of<uint16_t>(0x3344), {1, 2, 3, 4, 5, 6}, bytes_of<uint32_t>(0x55555555),
                    bytes_of<uint32_t>(0x66666666)}));
     /* a deletion carries the key only */
-    EXPECT_EQ(user_record(u, 0),
-              cat({{1, 0}, bytes_of<uint16_t>(56), {kb, kb + 20}, std::vector<uint8_t>(36, 0)}));
+    EXPECT_EQ(user_record(u, 0), cat({{1, 0}, bytes_of<uint16_t>(56), {kb, kb + 20}, Bytes(36, 0)}));
     /* the VLAN value travels in 16 bits */
     EXPECT_EQ(server_record(0xC0A80001, 0x12345, 7, 1),
               cat({{2, 1}, bytes_of<uint16_t>(12), bytes_of<uint32_t>(0xC0A80001),
@@ -115,7 +93,7 @@ TEST_F(SyncTest, RecordLayouts)
 TEST_F(SyncTest, SingleChangesTravelAloneToDestinationThree)
 {
     gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO;
-    DhcpsnoopUser *u = make_user(v4key(10, 0, 0, 1), DHCPSNOOP_USER_DYNAMIC, 3, 10);
+    DhcpsnoopUser *u = make_user(k, DHCPSNOOP_USER_DYNAMIC, 3, 10);
     dhcpsnoop_sync_user_send(u, 1);
     DhcpsnoopServer srv{};
     srv.serverIp = 5;
@@ -124,7 +102,6 @@ TEST_F(SyncTest, SingleChangesTravelAloneToDestinationThree)
     EXPECT_EQ(model().scalarSyncs[0].mode, 0x80000003u);
     EXPECT_EQ(model().scalarSyncs[0].data, user_record(u, 1));
     EXPECT_EQ(model().scalarSyncs[1].data, server_record(5, 0, 0, 0));
-    EXPECT_EQ(model().debugCount("[DHCPSNOOP] Send dhcpsnoop user sync packet, add flag 1.\r\n"), 1u);
     EXPECT_EQ(model().debugCount("[DHCPSNOOP] Send dhcpsnoop sync packet: len 60.\r\n"), 1u);
 
     uint8_t byte = 0;
@@ -138,53 +115,34 @@ TEST_F(SyncTest, SingleChangesTravelAloneToDestinationThree)
 
 TEST_F(SyncTest, FullCopyFillsBuffersToTheirLimit)
 {
-    addUsers(24);
-    make_user(v4key(10, 9, 9, 9), DHCPSNOOP_USER_IPSG, 3, 10); /* never copied */
-    dhcpsnoop_sync_all_send(0x20002, 0);
-    EXPECT_TRUE(model().scalarSyncs.empty());
-    dhcpsnoop_sync_all_send(0x20002, 1);
-    EXPECT_EQ(sentSizes(), (std::vector<size_t>{1380, 60}));
-    for (auto &s : model().scalarSyncs)
-        EXPECT_EQ(s.mode, 0x80020002u);
-
-    model().scalarSyncs.clear();
-    DhcpsnoopUserKey first = v4key(10, 1, 0, 0);
-    dhcpsnoop_user_delete(dhcpsnoop_user_lookup(&first));
-    dhcpsnoop_server_add(1, 10, 3);
-    dhcpsnoop_server_add(2, 10, 3);
-    dhcpsnoop_sync_all_send(7, 1);
-    EXPECT_EQ(sentSizes(), (std::vector<size_t>{1396, 16}));
-    auto bufs = sync_buffers();
-    EXPECT_EQ(bufs[0][1380], 2); /* the newest server still fits after 23 users */
-    EXPECT_EQ(at<uint32_t>(bufs[0], 1384), 2u);
-    EXPECT_EQ(at<uint32_t>(bufs[1], 4), 1u);
-
-    /* 22 users and 5 servers fill one buffer to the byte */
-    for (uint8_t i = 1; i < 24; i++) {
-        DhcpsnoopUserKey k = v4key(10, 1, 0, i);
-        dhcpsnoop_user_delete(dhcpsnoop_user_lookup(&k));
+    struct Case {
+        int users, servers;
+        std::vector<size_t> sizes;
+    } cases[] = {
+        {24, 0, {1380, 60}}, {23, 2, {1396, 16}}, {22, 5, {1400}}, {0, 88, {1392, 16}}, {0, 0, {}},
+    };
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.users);
+        clearTables();
+        addUsers(c.users);
+        make_user(v4key(10, 9, 9, 9), DHCPSNOOP_USER_IPSG, 3, 10); /* never copied */
+        for (int i = 1; i <= c.servers; i++)
+            dhcpsnoop_server_add(uint32_t(i), 10, 3);
+        model().scalarSyncs.clear();
+        dhcpsnoop_sync_all_send(0x20002, 0);
+        EXPECT_TRUE(model().scalarSyncs.empty());
+        dhcpsnoop_sync_all_send(0x20002, 1);
+        auto bufs = sync_buffers();
+        std::vector<size_t> sizes;
+        for (auto &b : bufs)
+            sizes.push_back(b.size());
+        EXPECT_EQ(sizes, c.sizes);
+        for (auto &s : model().scalarSyncs)
+            EXPECT_EQ(s.mode, 0x80020002u);
+        if (c.servers) { /* the newest server first, the oldest last */
+            EXPECT_EQ(Bytes(bufs.back().end() - 12, bufs.back().end() - 8), bytes_of(1u));
+        }
     }
-    addUsers(22, 2);
-    for (uint32_t i = 3; i <= 5; i++)
-        dhcpsnoop_server_add(i, 10, 3);
-    model().scalarSyncs.clear();
-    dhcpsnoop_sync_all_send(7, 1);
-    EXPECT_EQ(sentSizes(), (std::vector<size_t>{1400}));
-
-    /* servers alone: 87 to a buffer */
-    dhcpsnoop_user_process_on_interface(nullptr, 3, 7, 2);
-    EXPECT_EQ(user_count(), 0u);
-    for (uint32_t i = 6; i <= 88; i++)
-        dhcpsnoop_server_add(i, 10, 3);
-    model().scalarSyncs.clear();
-    dhcpsnoop_sync_all_send(7, 1);
-    EXPECT_EQ(sentSizes(), (std::vector<size_t>{1392, 16}));
-
-    for (DhcpsnoopServer *srv : server_list())
-        dhcpsnoop_server_delete(srv);
-    model().scalarSyncs.clear();
-    dhcpsnoop_sync_all_send(7, 1);
-    EXPECT_TRUE(model().scalarSyncs.empty());
 }
 
 TEST_F(SyncTest, SlaveTakesOverTheMastersTables)
@@ -203,25 +161,17 @@ TEST_F(SyncTest, SlaveTakesOverTheMastersTables)
     auto bufs = sync_buffers();
     ASSERT_EQ(bufs.size(), 2u);
 
-    /* a unit that is not the Slave ignores what arrives */
-    dhcpsnoop_user_process_on_interface(nullptr, 3, 3, 2);
-    dhcpsnoop_server_delete(server_list()[0]);
-    for (DhcpsnoopRole role : {DHCPSNOOP_ROLE_MASTER, DHCPSNOOP_ROLE_NONE}) {
+    clearTables();
+    for (DhcpsnoopRole role : {DHCPSNOOP_ROLE_MASTER, DHCPSNOOP_ROLE_NONE, DHCPSNOOP_ROLE_SLAVE}) {
         set_role(role);
+        model().scalarSyncs.clear();
+        model().hwUserCalls.clear();
         for (auto &b : bufs)
             receive(b);
-        EXPECT_EQ(user_count(), 0u);
-        EXPECT_TRUE(server_list().empty());
+        /* only the Slave takes them */
+        EXPECT_EQ(user_count(), role == DHCPSNOOP_ROLE_SLAVE ? before.size() : 0u);
+        EXPECT_EQ(server_list().size(), role == DHCPSNOOP_ROLE_SLAVE ? 1u : 0u);
     }
-
-    set_role(DHCPSNOOP_ROLE_SLAVE);
-    model().scalarSyncs.clear();
-    model().hwUserCalls.clear();
-    gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO;
-    for (auto &b : bufs)
-        receive(b);
-    EXPECT_EQ(model().debugCount("[DHCPSNOOP] Receive dhcpsnoop sync packet: len 1380."), 1u);
-    ASSERT_EQ(user_count(), before.size());
     for (auto &want : before) {
         DhcpsnoopUser *got = dhcpsnoop_user_lookup(dhcpsnoop_user_key(&want));
         ASSERT_NE(got, nullptr);
@@ -231,9 +181,7 @@ TEST_F(SyncTest, SlaveTakesOverTheMastersTables)
     }
     EXPECT_NE(dhcpsnoop_server_lookup(0x0A000001, 10, 3), nullptr);
     /* every copied entry is counted, the static one included */
-    EXPECT_EQ(port3->curUser, 30);
-    EXPECT_EQ(port4->curUser, 1);
-    EXPECT_EQ(vlan10->curUser, 31);
+    EXPECT_EQ(std::tuple(port3->curUser, port4->curUser, vlan10->curUser), std::tuple(30, 1, 31));
     /* the Slave neither programs hardware nor sends back */
     EXPECT_TRUE(model().hwUserCalls.empty());
     EXPECT_TRUE(model().scalarSyncs.empty());
@@ -242,11 +190,10 @@ TEST_F(SyncTest, SlaveTakesOverTheMastersTables)
 TEST_F(SyncTest, SlaveAppliesChangesAsWritten)
 {
     set_role(DHCPSNOOP_ROLE_SLAVE);
-    DhcpsnoopUserKey k = v4key(10, 0, 0, 1);
-    DhcpsnoopUser tmpl = record_user(k);
+    memcpy(dhcpsnoop_user_key(&tmpl), &k, 20);
+    tmpl.userType = DHCPSNOOP_USER_DYNAMIC;
     tmpl.ifIndex = 3;
     tmpl.vid = tmpl.origVid = 10;
-    tmpl.leaseTime = 100;
     receive(user_record(&tmpl, 1));
     DhcpsnoopUser *u = dhcpsnoop_user_lookup(&k);
     ASSERT_NE(u, nullptr);
@@ -257,34 +204,30 @@ TEST_F(SyncTest, SlaveAppliesChangesAsWritten)
     tmpl.leaseTime = 200;
     receive(user_record(&tmpl, 1));
     EXPECT_EQ(dhcpsnoop_user_lookup(&k), u);
-    EXPECT_EQ(u->ifIndex, 4u);
-    EXPECT_EQ(u->leaseTime, 200u);
-    EXPECT_EQ(port3->curUser, 1);
-    EXPECT_EQ(port4->curUser, 0);
-    EXPECT_EQ(vlan10->curUser, 1);
+    EXPECT_EQ(std::tuple(u->ifIndex, u->leaseTime), std::tuple(4u, 200u));
+    EXPECT_EQ(std::tuple(port3->curUser, port4->curUser, vlan10->curUser), std::tuple(1, 0, 1));
 
     /* deleting an unknown key changes nothing; a known one is deleted */
     DhcpsnoopUser other = tmpl;
-    memcpy(dhcpsnoop_user_key(&other), &(k = v4key(10, 0, 0, 2)), 20);
+    DhcpsnoopUserKey k2 = v4key(10, 0, 0, 2);
+    memcpy(dhcpsnoop_user_key(&other), &k2, 20);
     receive(user_record(&other, 0));
     EXPECT_EQ(user_count(), 1u);
     receive(cat({user_record(&tmpl, 0), server_record(1, 10, 3, 1), server_record(1, 10, 3, 1),
                  server_record(2, 20, 3, 1)}));
     EXPECT_EQ(user_count(), 0u);
-    EXPECT_EQ(port4->curUser, 0);
-    EXPECT_EQ(vlan10->curUser, 0);
+    EXPECT_EQ(std::tuple(port4->curUser, vlan10->curUser), std::tuple(0, 0));
     EXPECT_EQ(server_list().size(), 2u); /* an existing server is not added twice */
     receive(cat({server_record(1, 10, 3, 0), server_record(9, 10, 3, 0)}));
     ASSERT_EQ(server_list().size(), 1u);
-    EXPECT_EQ(server_list()[0]->serverIp, 2u);
-    EXPECT_EQ(server_list()[0]->vid, 20u);
+    EXPECT_EQ(std::tuple(server_list()[0]->serverIp, server_list()[0]->vid), std::tuple(2u, 20u));
     EXPECT_EQ(model().logCount("[DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.1"), 1u);
 
     /* with no node free the record is dropped */
     addUsers(40, 5);
     ASSERT_EQ(free_user_nodes(), 0u);
     receive(user_record(&other, 1));
-    EXPECT_EQ(dhcpsnoop_user_lookup(&k), nullptr);
+    EXPECT_EQ(dhcpsnoop_user_lookup(&k2), nullptr);
     EXPECT_EQ(port4->curUser, 0);
 }
 
@@ -292,37 +235,31 @@ TEST_F(SyncTest, LengthsNeverLeadPastTheBuffer)
 {
     set_role(DHCPSNOOP_ROLE_SLAVE);
     gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO | DHCPSNOOP_DEBUG_DUMP;
-    DhcpsnoopUserKey k = v4key(10, 0, 0, 1);
-    DhcpsnoopUser tmpl = record_user(k);
-    const auto user = user_record(&tmpl, 1);
-    const auto srv = server_record(0x0A, 10, 3, 1);
-
-    auto shortUser = user; /* says 8 bytes follow: the next record starts at 12 */
-    set_len(shortUser, 0, 8);
-    auto longUser = user;
-    set_len(longUser, 0, 1000);
-    auto unknown = srv;
+    memcpy(dhcpsnoop_user_key(&tmpl), &k, 20);
+    const Bytes user = user_record(&tmpl, 1), srv = server_record(0x0A, 10, 3, 1);
+    auto with_len = [&](uint16_t len, size_t keep) {
+        Bytes b = cat({{1, 1}, bytes_of(len), Bytes(user.begin() + 4, user.end())});
+        return Bytes(b.begin(), b.begin() + keep);
+    };
+    const Bytes shortUser = with_len(8, 12); /* the next record starts at 12 */
+    const Bytes longUser = with_len(1000, 60);
+    Bytes unknown = srv;
     unknown[0] = 7;
-    auto emptyUnknown = std::vector<uint8_t>{9, 1, 0, 0};
 
     struct Case {
         const char *what;
-        std::vector<uint8_t> bytes;
+        Bytes bytes;
         bool user, server;
     } cases[] = {
-        {"cut inside a user record", std::vector<uint8_t>(user.begin(), user.begin() + 40), false,
-         false},
+        {"cut inside a user record", Bytes(user.begin(), user.begin() + 40), false, false},
         {"cut inside a header", cat({srv, {2, 1}}), false, true},
         {"three bytes only", {1, 1, 56}, false, false},
-        {"short length, applied from the bytes that follow",
-         cat({std::vector<uint8_t>(shortUser.begin(), shortUser.begin() + 12), srv,
-              std::vector<uint8_t>(32, 0)}),
+        {"short length, applied from the bytes that follow", cat({shortUser, srv, Bytes(32, 0)}),
          true, true},
-        {"short length, record runs past the end",
-         cat({std::vector<uint8_t>(shortUser.begin(), shortUser.begin() + 12), srv}), false, true},
+        {"short length, record runs past the end", cat({shortUser, srv}), false, true},
         {"long length, record whole", longUser, true, false},
         {"long length hides what follows", cat({longUser, srv}), true, false},
-        {"unknown types are skipped by their length", cat({unknown, emptyUnknown, srv}), false,
+        {"unknown types are skipped by their length", cat({unknown, {9, 1, 0, 0}, srv}), false,
          true},
         {"zero length", {}, false, false},
     };
@@ -331,8 +268,7 @@ TEST_F(SyncTest, LengthsNeverLeadPastTheBuffer)
         receive(c.bytes);
         EXPECT_EQ(dhcpsnoop_user_lookup(&k) != nullptr, c.user);
         EXPECT_EQ(dhcpsnoop_server_lookup(0x0A, 10, 3) != nullptr, c.server);
-        dhcpsnoop_user_delete(dhcpsnoop_user_lookup(&k));
-        dhcpsnoop_server_delete(dhcpsnoop_server_lookup(0x0A, 10, 3));
+        clearTables();
     }
     dhcpsnoop_sync_pkt_recv(nullptr);
     QorTextPair nothing{nullptr, 100};
