@@ -1,18 +1,10 @@
 #!/usr/bin/python3
-"""The end-to-end tests' packet tools.
-
-    dhcplab.py count FILE EXPR       how many DHCP messages m of a pcap file
-                                     satisfy the Python expression EXPR
-    dhcplab.py send IFACE EXPR       send the scapy frames EXPR (a list)
-    dhcplab.py tagged IFACE VID MAC  a DHCPv4 client on an 802.1Q-tagged link;
-                                     prints its OFFER, ACK and every reply seen
-                                     as JSON, exit 0 when an ACK arrived
-
-Frames are decoded byte by byte, so the checks see exactly what crossed the
-wire.  m: v (4/6), src, vlans, tpids, ipsrc, ipdst, sport, dport, csum_ok
-(None when 0); DHCPv4 op, type, giaddr, yiaddr, chaddr, opts {code: hex},
-o82 {sub-option: hex} or None, server; DHCPv6 type, codes, o18, o37.
-"""
+"""The end-to-end tests' packet tools: dhcplab.py count FILE EXPR (how many
+DHCP messages m of a pcap file satisfy EXPR), send IFACE EXPR (send the scapy
+frames EXPR), tagged IFACE VID MAC (a DHCPv4 client on an 802.1Q-tagged link;
+prints its OFFER, ACK and replies as JSON, exit 0 on an ACK).  Frames are
+decoded byte by byte, so the checks see exactly what crossed the wire; the
+fields of m are the keys decode() sets."""
 import ipaddress
 import json
 import random

@@ -19,7 +19,7 @@ ip=$(sed -n "s/^the client's lease: address \([0-9.]*\), lease time 600 s, from 
 check "the lease shown is from the real server's range ($ip)" grep -Eq '^10\.77\.0\.[0-9]+$' <<<"$ip"
 while IFS='|' read -r what re; do
   check "$what" grep -Eq "$re" "$out"
-done <<EOF
+done <<ROWS
 binding show lists the client's address on swc with lease 600|^${ip//./\\.} +$CLIENT_MAC +1 +swc +dynamic +bound +600 
 the circuit-id the server saw is decoded|^    circuit-id: type 1, "demo-switch/port-swc"$
 the remote-id the server saw is decoded|^    remote-id: type 1, "demo-switch"$
@@ -27,3 +27,5 @@ the server's log line with option 82 is shown|option: 82 agent-id
 the rogue's drop counter is above zero|^drops untrusted-server +[1-9][0-9]*$
 no rogue address held|never a rogue \(10\.66\.0\.x\) address
 the closing line|^demonstration complete
+ROWS
+nl_summary
