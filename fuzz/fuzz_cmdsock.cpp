@@ -9,49 +9,22 @@
  * the body.  After each pass the connection must be closed, unanswered or
  * answered with a 4-byte length and that many bytes, never more than it
  * asked (22 for an empty request), and the tables must hold together.
- * fuzz/gen_corpus_rx.py --cmd writes seeds from fuzz/corpus/cmd/.
+ * fuzz/gen_corpus.py cmdsock writes seeds from fuzz/corpus/cmd/.
  */
-#include <cstring>
-
-#include "fake_sys.h"
 #include "fuzz_state.h"
-#include "switch_model.h"
 
-namespace {
-
-constexpr int CONNS_MAX = 8;
-
-void start_switch()
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    dhcpsnoop_shutdown();
-    FakeSys &sys = FakeSys::get();
-    sys.reset();
-    sys.install();
-    dhcpsnoop_main_setup();
+    FakeSys &sys = fuzz_restart(false);
     SwitchModel &m = sim_model();
-    m.reset();
     for (uint32_t i = 1; i <= 3; i++)
         m.addPort(i, "p" + std::to_string(i));
     m.addVlanIf(10, 10, "vlan10");
     m.addVlanIf(11, 20, "vlan20");
     if (dhcpsnoop_init_ex(4, 8, 4, 3, nullptr, nullptr, nullptr) != 0)
         abort();
-}
-
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz_quiet_stdout();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
-    start_switch();
-    FakeSys &sys = FakeSys::get();
     size_t pos = 0;
-    for (int n = 0; n < CONNS_MAX && pos + 3 <= size; n++) {
+    for (int n = 0; n < 8 && pos + 3 <= size; n++) {
         FakeConn c;
         c.chunk = data[pos];
         size_t len = size_t(data[pos + 1]) << 8 | data[pos + 2];

@@ -14,15 +14,13 @@
  *         bit 6 sub-option 9 on; bit 7 the switch has a host name
  *   6     bits 0-1 option-82 policy, 2-4 option-82 mode, 5-7 global modes
  *   7     two bits each: circuit-id, remote-id, sub-option 9 and global texts
- * fuzz/gen_corpus_dhcp4.py writes the seeds in this layout.
+ * fuzz/gen_corpus.py dhcp4 writes the seeds in this layout.
  */
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
 #include <string>
+#include <utility>
 
 #include "dhcpsnoop_msg.h"
-#include "switch_model.h"
+#include "fuzz_state.h"
 
 namespace {
 
@@ -57,23 +55,9 @@ void set_global(DhcpsnoopOptFmt &fmt, uint16_t mode, const std::string &s)
 void setup_once()
 {
     static bool done = false;
-    if (done)
+    if (std::exchange(done, true))
         return;
-    done = true;
-    memset(&gDhcpsnoop, 0, sizeof gDhcpsnoop);
-    dhcpsnoop_list_init(&gDhcpsnoop.ifFreeList);
-    dhcpsnoop_list_init(&gDhcpsnoop.userFreeList);
-    dhcpsnoop_list_init(&gDhcpsnoop.serverFreeList);
-    dhcpsnoop_list_init(&gDhcpsnoop.ifList);
-    dhcpsnoop_list_init(&gDhcpsnoop.serverList);
-    for (int i = 0; i < DHCPSNOOP_HASH_SIZE; i++) {
-        dhcpsnoop_list_init(&gDhcpsnoop.userHash[i]);
-        dhcpsnoop_list_init(&gDhcpsnoop.macUserHash[i]);
-    }
-    gDhcpsnoop.enterpriseNum = DHCPSNOOP_ENTERPRISE_NUMBER;
-    gDhcpsnoop.dataSock = gDhcpsnoop.data6Sock = gDhcpsnoop.udpSock = -1;
-    gDhcpsnoop.cmdSock = gDhcpsnoop.rtSock = -1;
-
+    fuzz_fresh_state(4, 8, 4);
     SwitchModel &m = sim_model();
     for (uint32_t i = 1; i <= 4; i++) {
         SimPort &p = m.addPort(i, "ge-0/0/" + std::to_string(i));

@@ -3,12 +3,8 @@
  * IA processing on what it accepted.  The first bytes choose the layer-2
  * header length and the interface's settings.
  */
-#include <cstring>
-
 #include "dhcp6snoop.h"
-#include "dhcpsnoop_user.h"
 #include "fuzz_state.h"
-#include "switch_model.h"
 
 namespace {
 

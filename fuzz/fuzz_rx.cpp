@@ -19,15 +19,9 @@
  *         trusted; 7 VLAN interface 101 on
  *   s3    bits 0-2 port 1's user limit - 1; 3-4 role; 5 source-guard and
  *         ARP-inspection hooks; 6 debug trace and dumps; 7 a pool of 4 users
- * fuzz/gen_corpus_rx.py writes seeds in this layout from captured exchanges.
+ * fuzz/gen_corpus.py rx writes seeds in this layout from captured exchanges.
  */
-#include <cstring>
-
-#include "dhcpsnoop_nm.h"
-#include "dhcpsnoop_user.h"
-#include "fake_sys.h"
 #include "fuzz_state.h"
-#include "switch_model.h"
 
 namespace {
 
@@ -45,16 +39,8 @@ void set_text(uint32_t ifIndex, uint32_t cmd, const char *text)
 
 void start_switch(const uint8_t *s)
 {
-    dhcpsnoop_shutdown();
-    FakeSys &sys = FakeSys::get();
-    sys.reset();
-    sys.install();
-    sys.selectAdvancesClock = false;
-    dhcpsnoop_timer_reset();
-    dhcpsnoop_main_setup();
-
+    fuzz_restart(true);
     SwitchModel &m = sim_model();
-    m.reset();
     m.hwScalars[53] = (s[3] >> 3 & 3) != 0; /* 0 master, 1 none, 2 slave */
     m.hwScalars[54] = (s[3] >> 3 & 3) == 1;
     for (uint32_t i = 1; i <= 4; i++) {
@@ -142,12 +128,6 @@ FakeFrame frame_of(uint8_t c0, const uint8_t *data, size_t len)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz_quiet_stdout();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

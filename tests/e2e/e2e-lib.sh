@@ -1,11 +1,10 @@
 # shellcheck shell=bash
 # Common start of the end-to-end scripts: the namespace helpers, the binaries
-# given by CTest (--daemon PATH --ctl PATH; the rest of the arguments are left
-# in E2E_ARGS) and the capture decoder.
+# given by CTest (--daemon PATH --ctl PATH; other arguments land in E2E_ARGS)
+# and the checks the scenarios share.
 E2E_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=../../scripts/netns-lib.sh
 . "$E2E_DIR/../../scripts/netns-lib.sh"
-
 E2E_ARGS=()
 while [ $# -gt 0 ]; do
   case $1 in
@@ -14,38 +13,69 @@ while [ $# -gt 0 ]; do
     *) E2E_ARGS+=("$1"); shift ;;
   esac
 done
+SOCK=/nonexistent REC=/nonexistent
 
-# cap_count FILE WHERE: how many DHCP messages of a capture satisfy WHERE
-# (a Python expression over m; see dhcpcap.py).
-cap_count() { "$NL_PY" "$E2E_DIR/dhcpcap.py" "$1" --where "$2" --count; }
+# e2e_init TAG PACKAGE...: the packages, the namespaces' prefix, $SOCK, $REC.
+e2e_init() {
+  local tag=$1; shift
+  nl_need_packages iproute2 nftables dnsmasq-base python3 "$@"
+  nl_init "$tag"
+  SOCK=$NL_TMP/dhcpsnoop.sock REC=$NL_TMP/lease
+}
 
-# gt0 N: the number is above zero.
+# cap_count FILE EXPR: how many DHCP messages m of a capture satisfy EXPR.
+cap_count() { "$NL_PY" "$E2E_DIR/dhcplab.py" count "$1" "$2"; }
+# send_frames NS IF EXPR: send the scapy frames EXPR (a list) out of IF.
+send_frames() { in_ns "$1" "$NL_PY" "$E2E_DIR/dhcplab.py" send "$2" "$3"; }
 gt0() { [ "${1:-0}" -gt 0 ] 2>/dev/null; }
+not() { ! "$@"; }
+in_net() { "$NL_PY" -c "import sys,ipaddress as a; sys.exit(a.ip_address(sys.argv[1]) not in a.ip_network(sys.argv[2]))" "${1:-::}" "$2"; }
 
-# bindings SOCK [NS]: the daemon's binding table as JSON.
-bindings() { ctl_in "${2:-sw}" "$1" --json binding show; }
-
-# binding_count SOCK [NS]
-binding_count() { bindings "$@" | json_get 'len(j)'; }
-
-# no_binding_for SOCK IP [NS]
-no_binding_for() {
-  [ "$(bindings "$1" "${3:-sw}" | json_get "len([b for b in j if b['ip'] == '$2'])")" = 0 ]
-}
-has_binding_for() {
-  [ "$(bindings "$1" "${3:-sw}" | json_get "len([b for b in j if b['ip'] == '$2'])")" = 1 ]
-}
-
-# e2e_logs FILE...: show the tail of logs when something went wrong.
-e2e_logs() {
-  local f
-  for f in "$@"; do
-    [ -f "$f" ] || continue
-    nl_say "--- ${f##*/}"
-    tail -n 25 "$f"
+# ctl_all SOCK COMMAND...: each COMMAND (one string) through dhcpsnoopctl in sw.
+ctl_all() {
+  local sock=$1 c; shift
+  for c in "$@"; do
+    # shellcheck disable=SC2086
+    ctl_in sw "$sock" $c || nl_die "dhcpsnoopctl $c failed"
   done
 }
 
-# check_alive WHAT PID: a daemon of ours is still running (a crash on any of
-# the frames it handled would have ended it).
+bindings() { ctl_in "${2:-sw}" "$1" --json binding show; }
+binding_count() { bindings "$@" | json_get 'len(j)'; }
+# binding_of SOCK IP [NS [FIELDS]]: the fields (default: mac interface vlan
+# lease type state) of every binding of IP, in one line.
+binding_of() {
+  local f=${4:-mac interface vlan lease type state}
+  bindings "$1" "${3:-sw}" | json_get "' '.join(str(b[k]) for b in j if __import__('ipaddress').ip_address(b['ip']) == __import__('ipaddress').ip_address('${2:-::}') for k in '$f'.split())"
+}
+has_binding_for() { [[ "$(binding_of "$@")" == *" bound" ]]; }
+no_binding_for() { [ -z "$(binding_of "$@")" ]; }
+ifshow() { ctl_in sw "$SOCK" --json interface "$1" show | json_get "$2"; }
+
+# lease_wait [LOG...]: wait for the client's lease in $REC and its binding;
+# sets ip.  On failure the logs are shown.
+lease_wait() {
+  local f
+  if ! wait_for 60 "the client's lease" test -s "$REC"; then
+    for f in "$NL_TMP"/dhclient-*.log "$NL_TMP/dhcpsnoopd.log" "$NL_TMP/server.log" "$@"; do
+      [ -f "$f" ] && { nl_say "--- ${f##*/}"; tail -n 25 "$f"; }
+    done
+  fi
+  ip=$(rec_get "$REC" ip)
+  wait_for 10 "a binding for $ip" has_binding_for "$SOCK" "${ip:-none}"
+}
+
+# v4_lab IPSG_ITEMS DAEMON_ARGS...: the DHCPv4 lab (netns-lib's lab_v4) with
+# source guard on the client's port, the daemon started and snooping, and the
+# real server (dnsmasq) on 10.77.0.1.
+v4_lab() {
+  lab_v4
+  echo "ipsg swc items $1" >>"$NL_TMP/dhcpsnoop.conf"
+  shift
+  ds_start sw "$NL_TMP/dhcpsnoop.conf" "$SOCK" "$NL_TMP/dhcpsnoopd.log" "$@" || exit 1
+  NL_QUIET=1 lab_snoop "$SOCK" "${CIRCUIT:-circ}" "${REMOTE:-rem}" || nl_die "configuring the daemon failed"
+}
+v4_server() { dnsmasq_v4 srv eth0 10.77.0.1/24 10.77.0.100 10.77.0.150 600 "$NL_TMP/server.log" || exit 1; }
+
+# check_alive WHAT PID: a daemon of ours still runs (a crash would have ended it).
 check_alive() { check "$1 is still running" kill -0 "$2"; }
