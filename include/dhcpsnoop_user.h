@@ -14,10 +14,15 @@
 constexpr size_t DHCPSNOOP_MAC_TEXT = 18;
 constexpr size_t DHCPSNOOP_ADDR_TEXT = INET6_ADDRSTRLEN;
 
+/* "aa:bb:cc:dd:ee:ff": written by hand, it is on every binding's log line. */
 inline const char *dhcpsnoop_mac_text(const uint8_t *mac, char (&out)[DHCPSNOOP_MAC_TEXT])
 {
-    snprintf(out, sizeof out, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
-             mac[4], mac[5]);
+    static constexpr char hex[] = "0123456789abcdef";
+    for (int i = 0; i < 6; i++) {
+        out[3 * i] = hex[mac[i] >> 4];
+        out[3 * i + 1] = hex[mac[i] & 15];
+        out[3 * i + 2] = i < 5 ? ':' : '\0';
+    }
     return out;
 }
 

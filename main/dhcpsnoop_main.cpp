@@ -569,10 +569,8 @@ void dhcpsnoop_user_timer_check(void)
             if (u->userType != DHCPSNOOP_USER_DYNAMIC ||
                 dhcpsnoop_sys->difftime(now, time_t(u->leaseStart)) < double(u->leaseTime))
                 continue;
-            char mac[18];
-            snprintf(mac, sizeof mac, "%02x:%02x:%02x:%02x:%02x:%02x", u->mac[0], u->mac[1],
-                     u->mac[2], u->mac[3], u->mac[4], u->mac[5]);
-            DHCPSNOOP_DEBUG("[DHCPSNOOP] User time out, mac:%s.\r\n", mac);
+            char mac[DHCPSNOOP_MAC_TEXT];
+            DHCPSNOOP_DEBUG("[DHCPSNOOP] User time out, mac:%s.\r\n", dhcpsnoop_mac_text(u->mac, mac));
             dhcpsnoop_user_delete(u);
         }
     }

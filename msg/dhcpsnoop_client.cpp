@@ -24,17 +24,13 @@ uint32_t be32(const uint8_t *p)
     return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
 }
 
-void mac_text(const uint8_t *mac, char *out, size_t size)
+/* Text for debug lines: called inside the debug macros' arguments, so the
+ * text is made only when the line is shown. */
+const char *ip_text(uint32_t hostOrder, char (&out)[DHCPSNOOP_ADDR_TEXT])
 {
-    snprintf(out, size, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4],
-             mac[5]);
-}
-
-void ip_text(uint32_t hostOrder, char *out, socklen_t size)
-{
-    struct in_addr a;
-    a.s_addr = htonl(hostOrder);
-    inet_ntop(AF_INET, &a, out, size);
+    const uint8_t addr[4] = {uint8_t(hostOrder >> 24), uint8_t(hostOrder >> 16),
+                             uint8_t(hostOrder >> 8), uint8_t(hostOrder)};
+    return dhcpsnoop_addr_text(DHCPSNOOP_IPTYPE_V4, addr, out);
 }
 
 bool port_excluded(uint32_t ifIndex)
@@ -127,11 +123,9 @@ void dhcpsnoop_udp_socket_send(DhcpsnoopPktInfo *info, uint32_t fromAddr, uint32
     pi.ipi_spec_dst.s_addr = htonl(fromAddr);
     memcpy(CMSG_DATA(c), &pi, sizeof pi);
 
-    char from[INET_ADDRSTRLEN], dest[INET_ADDRSTRLEN];
-    ip_text(fromAddr, from, sizeof from);
-    ip_text(toAddr, dest, sizeof dest);
-    DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Send message from %s to %s, length %d.\r\n", from, dest,
-                      int(info->dhcpLen));
+    char from[DHCPSNOOP_ADDR_TEXT], dest[DHCPSNOOP_ADDR_TEXT];
+    DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Send message from %s to %s, length %d.\r\n",
+                      ip_text(fromAddr, from), ip_text(toAddr, dest), int(info->dhcpLen));
     if (dhcpsnoop_sys->sendmsg(gDhcpsnoop.udpSock, &msg, 0) < 0)
         DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Send message ERROR, no 0x%0x.\r\n", errnoGet());
 }
@@ -150,12 +144,11 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
 
     if ((ifp->flags & ifflag::SRC_MAC_CHECK) && memcmp(info->srcMac, info->chaddr, 6) != 0) {
         ifp->counters[DHCPSNOOP_CNT_SRC_MAC]++;
-        char src[18], client[18];
-        mac_text(info->srcMac, src, sizeof src);
-        mac_text(info->chaddr, client, sizeof client);
+        char src[DHCPSNOOP_MAC_TEXT], client[DHCPSNOOP_MAC_TEXT];
         DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Source mac in pkt %s and client mac %s don't match,stop "
                           "process!\r\n",
-                          src, client);
+                          dhcpsnoop_mac_text(info->srcMac, src),
+                          dhcpsnoop_mac_text(info->chaddr, client));
         return;
     }
 
@@ -229,9 +222,8 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
         info->dhcpMsg[25] = uint8_t(relay >> 16);
         info->dhcpMsg[26] = uint8_t(relay >> 8);
         info->dhcpMsg[27] = uint8_t(relay);
-        char text[INET_ADDRSTRLEN];
-        ip_text(relay, text, sizeof text);
-        DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Giaddr is zero, set giaddr to %s.\r\n", text);
+        char text[DHCPSNOOP_ADDR_TEXT];
+        DHCPSNOOP_DEBUG_I("[DHCPSNOOP] Giaddr is zero, set giaddr to %s.\r\n", ip_text(relay, text));
         for (uint32_t server : ifp->serverIp)
             if (server)
                 dhcpsnoop_udp_socket_send(info, relay, server);

@@ -309,15 +309,14 @@ bool under_service_manager()
     return getenv("INVOCATION_ID") || getenv("JOURNAL_STREAM");
 }
 
-void host_log(const std::string &line)
+void host_log(std::string_view line)
 {
-    std::string text = line;
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-        text.pop_back();
-    syslog(LOG_INFO, "%s", text.c_str());
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+        line.remove_suffix(1);
+    syslog(LOG_INFO, "%.*s", int(line.size()), line.data());
     if (under_service_manager())
         return;
-    printf("%s\n", text.c_str());
+    printf("%.*s\n", int(line.size()), line.data());
     fflush(stdout);
 }
 

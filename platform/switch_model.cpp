@@ -413,15 +413,21 @@ int qorHwSlotGet(const uint32_t *words, uint32_t property, void *answer)
 
 void zlog_dispatch_logging(int, int, const char *fmt, ...)
 {
-    std::string line;
+    /* a line nobody reads is not made; one that is read is made once */
+    if (!g_model.onLog && !g_model.record)
+        return;
+    char buf[1024];
     va_list ap;
     va_start(ap, fmt);
-    append_vformat(line, fmt, ap);
+    int n = vsnprintf(buf, sizeof buf, fmt, ap);
     va_end(ap);
+    if (n < 0)
+        return;
+    std::string_view line(buf, size_t(n) < sizeof buf ? size_t(n) : sizeof buf - 1);
     if (g_model.onLog)
         g_model.onLog(line);
     if (g_model.record)
-        g_model.logLines.push_back(line);
+        g_model.logLines.emplace_back(line);
 }
 
 int qorNetlinkSend(uint32_t type, uint32_t flags, const void *record, uint32_t len)

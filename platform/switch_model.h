@@ -15,6 +15,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct SimPort {
@@ -133,7 +134,7 @@ struct SwitchModel {
     /* Effects a host platform carries out (each optional). */
     std::function<int(uint32_t ifIndex, uint32_t cmd, uint32_t word)> onTrap;
     std::function<void(uint32_t ifIndex, uint32_t op, const uint8_t *record44)> onHwUser;
-    std::function<void(const std::string &line)> onLog;
+    std::function<void(std::string_view line)> onLog;
     /* The hardware's drop counters of a port (interface attributes
      * DHCPSNOOP_IF_ATTR_IPSG_DROPS / _DAI_DROPS); unanswered without it. */
     std::function<uint32_t(uint32_t ifIndex, uint32_t attr)> onHwCounter;

@@ -158,10 +158,9 @@ int dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *entry, Dhcpsn
     const uint8_t *mac = info->chaddr ? info->chaddr : noMac;
     char macText[DHCPSNOOP_MAC_TEXT];
     char addrText[DHCPSNOOP_ADDR_TEXT];
-    dhcpsnoop_mac_text(mac, macText);
-    dhcpsnoop_addr_text(key->ipType, key->ipAddr, addrText);
     DHCPSNOOP_DEBUG_I("[DHCPSNOOP] User information: interface %d, vid %d, mac %s, ip %s.\r\n",
-                      int(port), int(vid), macText, addrText);
+                      int(port), int(vid), dhcpsnoop_mac_text(mac, macText),
+                      dhcpsnoop_addr_text(key->ipType, key->ipAddr, addrText));
 
     if (entry) {
         DHCPSNOOP_DEBUG_I("[DHCPSNOOP] User entry is already exist!\r\n");
@@ -205,10 +204,11 @@ int dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *entry, Dhcpsn
     nmGetIfPartDescr(port, descr, 63);
     descr[63] = '\0';
     zlog_dispatch_logging(7, 1,
-                          "[DHCPSNOOP] Add %s dhcpsnoop entry: ip %s, mac "
-                          "%02x:%02x:%02x:%02x:%02x:%02x, interface %s, vlan %d, leasetime %d.\r\n",
-                          user_type_word(u->userType), addrText, u->mac[0], u->mac[1], u->mac[2],
-                          u->mac[3], u->mac[4], u->mac[5], descr, int(vid), int(u->leaseTime));
+                          "[DHCPSNOOP] Add %s dhcpsnoop entry: ip %s, mac %s, interface %s, vlan "
+                          "%d, leasetime %d.\r\n",
+                          user_type_word(u->userType),
+                          dhcpsnoop_addr_text(key->ipType, key->ipAddr, addrText),
+                          dhcpsnoop_mac_text(u->mac, macText), descr, int(vid), int(u->leaseTime));
     return 0;
 }
 
