@@ -36,11 +36,7 @@ void put_word(void *value, uint32_t w)
         memcpy(value, &w, sizeof w);
 }
 
-const SimPort *port(uint32_t ifIndex)
-{
-    auto it = g_model.ports.find(ifIndex);
-    return it == g_model.ports.end() ? nullptr : &it->second;
-}
+const SimPort *port(uint32_t ifIndex) { return g_model.ports.lookup(ifIndex); }
 
 int hook_answer(const std::map<uint32_t, SimHookAnswer> &m, uint32_t ifIndex, uint32_t cmd,
                 void *reply)
@@ -62,12 +58,50 @@ int hook_answer(const std::map<uint32_t, SimHookAnswer> &m, uint32_t ifIndex, ui
 
 SwitchModel &sim_model() { return g_model; }
 
+SimPorts &SimPorts::operator=(SimPorts &&o) noexcept
+{
+    if (this == &o)
+        return *this;
+    map = std::move(o.map); /* the records keep their addresses */
+    o.map.clear();
+    o.direct.fill(nullptr);
+    direct.fill(nullptr);
+    for (auto &[idx, p] : map)
+        if (idx < SIM_PORT_DIRECT)
+            direct[idx] = &p;
+    return *this;
+}
+
+SimPort &SimPorts::operator[](uint32_t ifIndex)
+{
+    SimPort &p = map[ifIndex];
+    if (ifIndex < SIM_PORT_DIRECT)
+        direct[ifIndex] = &p;
+    return p;
+}
+
+const SimPort *SimPorts::lookup(uint32_t ifIndex) const
+{
+    if (ifIndex < SIM_PORT_DIRECT)
+        return direct[ifIndex];
+    auto it = map.find(ifIndex);
+    return it == map.end() ? nullptr : &it->second;
+}
+
+int32_t SimScalars::get(uint32_t attr) const
+{
+    if (attr < low.size())
+        return low[attr];
+    auto it = high.find(attr);
+    return it == high.end() ? 0 : it->second;
+}
+
 void SwitchModel::failOn(const std::string &fn, int64_t arg, int rc, int times)
 {
     failRules.push_back({fn, arg, rc, times});
 }
 
-int SwitchModel::failed(const char *fn, int64_t arg)
+int SwitchModel::failedRule(const char *fn, int64_t arg)
 {
     for (auto &r : failRules) {
         if (r.remaining == 0 || r.fn != fn || (r.arg != -1 && r.arg != arg))
@@ -346,11 +380,7 @@ const char *nmGetHostname(void)
     return g_model.hasHostname ? g_model.hostname.c_str() : nullptr;
 }
 
-int32_t qorHwScalarGet(uint32_t, uint32_t attr, void *)
-{
-    auto it = g_model.hwScalars.find(attr);
-    return it == g_model.hwScalars.end() ? 0 : it->second;
-}
+int32_t qorHwScalarGet(uint32_t, uint32_t attr, void *) { return g_model.hwScalars.get(attr); }
 
 int qorHwScalarSync(void *, uint32_t code, void *data, uint32_t mode)
 {

@@ -34,6 +34,53 @@ struct SimPort {
     uint32_t maxUsers = 0;   /* attribute 5420; 0 = no answer */
 };
 
+/*
+ * The ports by ifIndex.  The daemon asks about a port several times for every
+ * frame (tagging, TPID, exclusion, location), so the ports below
+ * SIM_PORT_DIRECT are also reached through a direct index; the map keeps
+ * them in order and its records never move.  Ports are only ever added
+ * (operator[], addPort); a model is emptied whole by reset().
+ */
+constexpr uint32_t SIM_PORT_DIRECT = 4096;
+
+class SimPorts {
+public:
+    using Map = std::map<uint32_t, SimPort>;
+    SimPorts() = default;
+    SimPorts(const SimPorts &) = delete;
+    SimPorts &operator=(const SimPorts &) = delete;
+    SimPorts(SimPorts &&o) noexcept { *this = std::move(o); }
+    SimPorts &operator=(SimPorts &&o) noexcept;
+
+    SimPort &operator[](uint32_t ifIndex);
+    /* The port, or null: O(1) below SIM_PORT_DIRECT. */
+    const SimPort *lookup(uint32_t ifIndex) const;
+
+    Map::iterator find(uint32_t ifIndex) { return map.find(ifIndex); }
+    Map::const_iterator find(uint32_t ifIndex) const { return map.find(ifIndex); }
+    Map::iterator begin() { return map.begin(); }
+    Map::iterator end() { return map.end(); }
+    Map::const_iterator begin() const { return map.begin(); }
+    Map::const_iterator end() const { return map.end(); }
+    size_t count(uint32_t ifIndex) const { return map.count(ifIndex); }
+    size_t size() const { return map.size(); }
+    bool empty() const { return map.empty(); }
+
+private:
+    Map map;
+    std::array<SimPort *, SIM_PORT_DIRECT> direct{};
+};
+
+/* Hardware scalars by attribute; one never set reads as 0.  The low ones
+ * (the role, asked for every frame) are kept in place. */
+struct SimScalars {
+    int32_t &operator[](uint32_t attr) { return attr < low.size() ? low[attr] : high[attr]; }
+    int32_t get(uint32_t attr) const;
+
+    std::array<int32_t, 64> low{};
+    std::map<uint32_t, int32_t> high;
+};
+
 /* What a feature hook answers for one interface. */
 struct SimHookAnswer {
     int rc = 0;
@@ -96,9 +143,9 @@ struct SimDeftinstallCall {
 
 struct SwitchModel {
     /* --- configuration --- */
-    std::map<uint32_t, SimPort> ports;
+    SimPorts ports;
     std::map<uint16_t, std::vector<uint32_t>> vlanMembers; /* qorVlanGetApi 5410 */
-    std::map<uint32_t, int32_t> hwScalars;                 /* qorHwScalarGet */
+    SimScalars hwScalars;                                  /* qorHwScalarGet */
     std::map<uint32_t, std::string> scalarTexts;           /* qorScalarGetApi 66, 74 */
     std::string hostname = "switch";
     bool hasHostname = true;
@@ -156,8 +203,10 @@ struct SwitchModel {
     /* Make calls of `fn` (with `arg` as its attribute/command/code, -1 any)
      * return `rc`, `times` times (-1: until cleared). */
     void failOn(const std::string &fn, int64_t arg, int rc, int times = -1);
-    /* The injected result for this call, or 0. */
-    int failed(const char *fn, int64_t arg);
+    /* The injected result for this call, or 0.  Asked on every platform
+     * call, so the usual case (nothing armed) is decided here. */
+    int failed(const char *fn, int64_t arg) { return failRules.empty() ? 0 : failedRule(fn, arg); }
+    int failedRule(const char *fn, int64_t arg);
 
     SimPort &addPort(uint32_t ifIndex, const std::string &name);
     SimPort &addVlanIf(uint32_t ifIndex, uint16_t vid, const std::string &name);
