@@ -258,6 +258,10 @@ uint16_t pktinfo_u16(size_t off)
 void receive_frame(int fd, uint16_t etherType)
 {
     bool v4 = etherType == DHCPSNOOP_ETH_IP;
+    /* the kernel shrinks both rooms to what it wrote: give them back, or a
+     * frame without packet information takes it from every later frame */
+    loop.msg.msg_namelen = sizeof loop.lladdr;
+    loop.msg.msg_controllen = sizeof loop.control;
     ssize_t n = dhcpsnoop_sys->recvmsg(fd, &loop.msg, 0);
     if (n == 0) {
         perror(v4 ? "[DHCPSNOOP]: recvmsg error len!\r\n" : "[DHCPSNOOP]: recvmsg error len!");

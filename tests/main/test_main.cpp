@@ -340,7 +340,6 @@ TEST_F(LoopTest, FrameRecordIsFilledFromThePacketInformation)
     EXPECT_EQ(model().debugCount("[DHCPSNOOP]: rxpktInfo was NULL!\r\n"), 1u);
     EXPECT_EQ(model().debugCount("[DHCPSNOOP] rxpktInfo was NULL!"), 1u);
 
-    dhcpsnoop_main_setup(); /* a fresh control room, as at loop start */
     f.withInfo = true;
     f.innerVid = 7;
     f.l2HdrLen = 18;
@@ -427,7 +426,6 @@ TEST_F(LoopTest, EmptyFailedAndMalformedReceivesAreDropped)
     memcpy(ctl.data() + CMSG_LEN(0), &ingress, 4);
     FakeFrame cut = frame(5);
     cut.rawControl = ctl;
-    dhcpsnoop_main_setup(); /* the earlier frames shrank the control room */
     sys().frames4.push_back(cut);
     dhcpsnoop_main_pass();
     EXPECT_EQ(handed_on(), 1u);
