@@ -55,7 +55,9 @@ TEST(Adr, LayoutRoundTripAndResultInPlace)
 
     ASSERT_TRUE(ok({adr_pos(&a, 12), adr_int32(&a, -5)}));
     EXPECT_EQ(adr_count(&a), 16u);
-    EXPECT_EQ(buf[12], uint8_t(-5));
+    int32_t back;
+    memcpy(&back, buf + 12, 4); /* words are in host order */
+    EXPECT_EQ(back, -5);
 }
 
 TEST(Adr, DataItemMayBeAnsweredInPlace)
