@@ -9,6 +9,7 @@
  * the body.  After each pass the connection must be closed, unanswered or
  * answered with a 4-byte length and that many bytes, never more than it
  * asked (22 for an empty request), and the tables must hold together.
+ * The debug flags change with each connection, so messages are formatted too.
  * fuzz/gen_corpus.py cmdsock writes seeds from fuzz/corpus/cmd/.
  */
 #include "fuzz_state.h"
@@ -37,6 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             memcpy(&asked, data + pos - len, 4);
         sys.pendingConns.push_back(c);
         sys.finishedConns.clear();
+        gDhcpsnoop.debugFlags = uint8_t(n & 3); /* so that messages are formatted too */
         dhcpsnoop_main_pass();
 
         if (!sys.conns.empty() || sys.finishedConns.size() != 1)

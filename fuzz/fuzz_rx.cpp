@@ -81,7 +81,8 @@ void start_switch(const uint8_t *s)
         set(i, 10, s[1] >> 4);
         set(i, 30, s[2] & 7);
         set(i, 31, s[2] >> 3 & 7);
-        set_text(i, 5, "%s.%c.%d:%N");
+        /* every directive of a template, on the ports the captures do not use */
+        set_text(i, 5, i == 1 ? "%s.%c.%d:%N" : "%D.%e.%N.%i.%y.%S.%r.%s.%c.%l.%d ");
         set_text(i, 6, "e2e-switch-remote"); /* as the captured replies carry */
         set(i, 9, s[0] >> 1 & 1);
         set_text(i, 7, "rack7");
