@@ -51,13 +51,8 @@ void binding(uint8_t last, uint8_t type, uint32_t ifIndex, uint16_t vid, uint8_t
 
 void fresh_state()
 {
-    fuzz_fresh_state(6, 12, 2);
-    gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
-    gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
-    gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO | DHCPSNOOP_DEBUG_DUMP;
-
+    fuzz_restart(false);
     SwitchModel &m = sim_model();
-    m.reset();
     m.hwScalars[53] = 0; /* Master: hardware is programmed and copies are sent */
     m.hwScalars[45] = 1;
     m.addPort(3, "p3").location = {1, 2, 3, 0, 0, 0, 5};
@@ -70,6 +65,9 @@ void fresh_state()
     m.dai[7] = {0, 1, 0x80};
     m.cardAnswers[DHCPSNOOP_CARD_STATE] = 0;
     m.slotAnswers[DHCPSNOOP_SLOT_STATE] = 1;
+    if (dhcpsnoop_init_ex(6, 12, 2, 3, nullptr, ipsgIfGetApi, arpAntiAttackIfGetApi) != 0)
+        abort();
+    gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO | DHCPSNOOP_DEBUG_DUMP;
 
     snooped(3);
     snooped(4);

@@ -1,6 +1,5 @@
-/* What every harness shares: the daemon's state made by hand (empty tables,
- * small pools, no sockets) or a daemon started on the fake system calls,
- * the check that the tables hold together, and a quiet standard output. */
+/* What every harness shares: a daemon started on the fake system calls, the
+ * check that the tables hold together, and a quiet standard output. */
 #ifndef DHCPSNOOP_FUZZ_STATE_H
 #define DHCPSNOOP_FUZZ_STATE_H
 
@@ -17,34 +16,6 @@
 #include "dhcpsnoop_user.h"
 #include "fake_sys.h"
 #include "switch_model.h"
-
-inline void fuzz_fresh_state(uint16_t ifMax, uint16_t userMax, uint16_t serverMax)
-{
-    for (void **pool : {&gDhcpsnoop.ifPool, &gDhcpsnoop.userPool, &gDhcpsnoop.serverPool})
-        if (*pool)
-            dhcpsnoop_sys->free(*pool);
-    memset(&gDhcpsnoop, 0, sizeof gDhcpsnoop);
-    dhcpsnoop_list_init(&gDhcpsnoop.ifList);
-    dhcpsnoop_list_init(&gDhcpsnoop.serverList);
-    for (int i = 0; i < DHCPSNOOP_HASH_SIZE; i++) {
-        dhcpsnoop_list_init(&gDhcpsnoop.userHash[i]);
-        dhcpsnoop_list_init(&gDhcpsnoop.macUserHash[i]);
-    }
-    gDhcpsnoop.ifMax = ifMax;
-    gDhcpsnoop.userMax = userMax;
-    gDhcpsnoop.serverMax = serverMax;
-    gDhcpsnoop.dataSock = gDhcpsnoop.data6Sock = gDhcpsnoop.udpSock = -1;
-    gDhcpsnoop.cmdSock = gDhcpsnoop.rtSock = -1;
-    gDhcpsnoop.enterpriseNum = DHCPSNOOP_ENTERPRISE_NUMBER;
-    if (dhcpsnoop_memlist_init(&gDhcpsnoop.ifFreeList, &gDhcpsnoop.ifPool, sizeof(DhcpsnoopIf),
-                               ifMax) != 0 ||
-        dhcpsnoop_memlist_init(&gDhcpsnoop.userFreeList, &gDhcpsnoop.userPool,
-                               sizeof(DhcpsnoopUser), userMax) != 0 ||
-        dhcpsnoop_memlist_init(&gDhcpsnoop.serverFreeList, &gDhcpsnoop.serverPool,
-                               sizeof(DhcpsnoopServer), serverMax) != 0 ||
-        dhcpsnoop_user_index_init(userMax) != 0)
-        abort();
-}
 
 /* A daemon stopped and set up again on fresh fake system calls and an empty
  * switch model; the caller adds ports and calls dhcpsnoop_init_ex. */

@@ -7,7 +7,7 @@
 rx: the frames of real exchanges, client.pcap (port 1) and server.pcap (the
 trusted port 2) of end-to-end directories kept with NL_KEEP=1 (--run runs the
 capturing tests first), under a few settings and arrangements.  The rx seeds
-dhcp4-* and dhcp6-* are single hand-made frames, kept as they are.
+dhcp4-* and dhcp6-* are hand-made frames, kept as they are.
 """
 import os
 import re
