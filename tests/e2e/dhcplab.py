@@ -2,7 +2,7 @@
 """The end-to-end tests' packet tools: dhcplab.py count FILE EXPR (how many
 DHCP messages m of a pcap file satisfy EXPR), send IFACE EXPR (send the scapy
 frames EXPR), tagged IFACE VID MAC (a DHCPv4 client on an 802.1Q-tagged link;
-prints its OFFER, ACK and replies as JSON, exit 0 on an ACK).  Frames are
+prints its OFFER and ACK as JSON, exit 0 on an ACK).  Frames are
 decoded byte by byte, so the checks see exactly what crossed the wire; the
 fields of m are the keys decode() sets."""
 import ipaddress
@@ -95,7 +95,7 @@ def decode(fr):
 def tagged(iface, vid, mac):
     from scapy.all import BOOTP, DHCP, IP, UDP, Dot1Q, Ether, conf, sniff  # scapy puts tags back
     s = conf.L2socket(iface=iface)
-    xid, out = random.randrange(1, 2**32), {"replies": []}
+    xid, out = random.randrange(1, 2**32), {}
     opt = lambda p, name: dict(o for o in p[DHCP].options if isinstance(o, tuple)).get(name)  # noqa: E731
     mine = lambda p: BOOTP in p and p[BOOTP].op == 2 and p[BOOTP].xid == xid  # noqa: E731
 
@@ -107,12 +107,9 @@ def tagged(iface, vid, mac):
             s.send(frame)
             for p in sniff(opened_socket=s, timeout=2, lfilter=mine,
                            stop_filter=lambda p: mine(p) and opt(p, "message-type") == want):
-                d = {"vlans": [t.vlan for t in p.iterpayloads() if isinstance(t, Dot1Q)],
-                     "type": opt(p, "message-type"), "yiaddr": p[BOOTP].yiaddr,
-                     "server": opt(p, "server_id"), "lease": opt(p, "lease_time")}
-                out["replies"].append(d)
-                if d["type"] == want:
-                    return d
+                if opt(p, "message-type") == want:
+                    return {"vlans": [t.vlan for t in p.iterpayloads() if isinstance(t, Dot1Q)],
+                            "yiaddr": p[BOOTP].yiaddr, "server": opt(p, "server_id"), "lease": opt(p, "lease_time")}
         return None
 
     out["offer"] = ask([("message-type", "discover")], 2)
