@@ -1,9 +1,13 @@
 /*
- * Arbitrary bytes as one datagram from the netlink socket, on three snooped
- * interfaces (two ports and an aggregate) beside a VLAN interface and a
- * handful of bindings of every kind, some already in hardware.  No read may
- * leave the datagram and the tables must stay whole.  fuzz/gen_corpus.py
- * netlink writes the seeds (little-endian host order).
+ * What reaches the daemon from beside its own loop, on three snooped
+ * interfaces (two ports and an aggregate) beside a VLAN interface.  Input
+ * byte 0 chooses:
+ *   0     the rest is one datagram from the netlink socket, to a Master with
+ *         a handful of bindings of every kind, some already in hardware;
+ *   else  the rest is a sync buffer from the peer, to a Slave, which applies
+ *         or skips it and never programs hardware or sends.
+ * No read may leave the input and the tables must stay whole.
+ * fuzz/gen_corpus.py netlink writes the netlink seeds (little-endian host order).
  */
 #include "dhcpsnoop_notify.h"
 #include "fuzz_state.h"
@@ -49,11 +53,11 @@ void binding(uint8_t last, uint8_t type, uint32_t ifIndex, uint16_t vid, uint8_t
                 e->curUser++;
 }
 
-void fresh_state()
+void fresh_state(bool slave)
 {
     fuzz_restart(false);
     SwitchModel &m = sim_model();
-    m.hwScalars[53] = 0; /* Master: hardware is programmed and copies are sent */
+    m.hwScalars[53] = slave; /* 0: Master, hardware is programmed and copies are sent */
     m.hwScalars[45] = 1;
     m.addPort(3, "p3").location = {1, 2, 3, 0, 0, 0, 5};
     m.addPort(4, "p4").location = {1, 2, 4, 0, 0, 0, 6};
@@ -75,7 +79,8 @@ void fresh_state()
     DhcpsnoopIf *vlan = snooped(100);
     vlan->isVlanIf = 1;
     dhcpsnoop_if_set_field(vlan, ifflag::VID_MASK, ifflag::VID_SHIFT, 10);
-
+    if (slave)
+        return;
     binding(1, DHCPSNOOP_USER_DYNAMIC, 3, 10, DHCPSNOOP_HW_IPSG, 0x0100000a);
     binding(2, DHCPSNOOP_USER_DYNAMIC, 3, 10, 0, 0);
     binding(3, DHCPSNOOP_USER_STATIC, 4, 10, DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI, 0);
@@ -88,7 +93,22 @@ void fresh_state()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fresh_state();
+    if (size == 0)
+        return 0;
+    const bool slave = data[0] != 0;
+    fresh_state(slave);
+    data++, size--;
+    if (slave) {
+        SwitchModel &m = sim_model();
+        m.hwUserCalls.clear();
+        m.scalarSyncs.clear();
+        QorTextPair d{const_cast<uint8_t *>(data), uint32_t(size)};
+        dhcpsnoop_sync_pkt_recv(&d);
+        fuzz_check_tables(false);
+        if (!m.hwUserCalls.empty() || !m.scalarSyncs.empty())
+            abort();
+        return 0;
+    }
     /* the loop reads at most one frame buffer's worth; the copy is exactly
      * as long as the datagram, so any read past it is caught */
     if (size > DHCPSNOOP_FRAME_MAX)

@@ -29,7 +29,8 @@ def write(kind, seeds):
 
 
 def netlink():
-    """One valid datagram of each kind, in little-endian host order."""
+    """One valid datagram of each kind, in little-endian host order, after the byte 0
+    (the sync-* seeds beside them are hand-made)."""
     msg = lambda t, payload=b"": struct.pack("<IHHII", 16 + len(payload), t, 0, 1, 0) + payload  # noqa: E731
     pad = lambda b: b + b"\0" * (-len(b) % 4)  # noqa: E731
     attr = lambda t, v=b"": pad(struct.pack("<HH", 4 + len(v), t) + v)  # noqa: E731
@@ -37,14 +38,14 @@ def netlink():
     check = lambda t, idx, items: msg(t, struct.pack("<IB", idx, items))  # noqa: E731
     chassis = lambda t, system, slot, card: msg(t, struct.pack("<IIII", system, slot, card, 0))  # noqa: E731
     u32 = lambda v: struct.pack("<I", v)  # noqa: E731
-    write("netlink", {
+    write("netlink", {name: b"\0" + d for name, d in {
         "newlink_agg_add_remove": link(16, 5, attr(52, u32(7)) + attr(53, u32(8))),
         "newlink_join_synccfg": link(16, 3, attr(49) + attr(38) + attr(60, b"\1\2")),
         "dellink": link(17, 4), "ipsg_port": check(198, 3, 0xC0), "ipsg_vlan_withdraw": check(198, 100, 0),
         "dai_vlan": check(199, 100, 0x60), "dai_start_stop": pad(check(123, 3, 0x90)) + msg(124),
         "card_up": chassis(87, 1, 2, 5), "card_down": chassis(88, 1, 2, 5),
         "slot_up_down": chassis(90, 1, 2, 0) + chassis(91, 1, 3, 0), "subsystem_up": msg(93),
-        "resend_vlan": msg(190, u32(10)), "several": pad(link(16, 3, attr(49, b"\1"))) + link(17, 3) + msg(200)})
+        "resend_vlan": msg(190, u32(10)), "several": pad(link(16, 3, attr(49, b"\1"))) + link(17, 3) + msg(200)}.items()})
 
 
 def cmdsock():
