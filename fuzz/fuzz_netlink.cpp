@@ -1,13 +1,9 @@
 /*
- * What reaches the daemon from beside its own loop, on three snooped
- * interfaces (two ports and an aggregate) beside a VLAN interface.  Input
- * byte 0 chooses:
- *   0     the rest is one datagram from the netlink socket, to a Master with
- *         a handful of bindings of every kind, some already in hardware;
- *   else  the rest is a sync buffer from the peer, to a Slave, which applies
- *         or skips it and never programs hardware or sends.
- * No read may leave the input and the tables must stay whole.
- * fuzz/gen_corpus.py netlink writes the netlink seeds (little-endian host order).
+ * On three snooped interfaces (two ports and an aggregate) and a VLAN
+ * interface, input byte 0 chooses: 0, the rest is a netlink datagram to a
+ * Master with bindings of every kind, some in hardware; else a sync buffer to
+ * a Slave, which never programs hardware or sends.  No read may leave the
+ * input; the tables stay whole.  Seeds: gen_corpus.py netlink (and sync-*).
  */
 #include "dhcpsnoop_notify.h"
 #include "fuzz_state.h"

@@ -34,14 +34,11 @@ inline FakeSys &fuzz_restart(bool clockStill)
     return sys;
 }
 
-/* The pools and tables hold together, or abort: every node of a pool lies in
- * that pool and is on exactly one list (its free list or a table), so free +
- * used = pool size; each link's neighbours point back at it; every binding
- * and MAC user is the one its table's own lookup finds; each interface's
- * user count equals the dynamic bindings that deleting them would count down
- * on it (its port's and its VLAN's; not on a Slave, which counts what its
- * Master sends whatever its type).  This is the one place that knows how
- * the tables are laid out: a change of buckets or hashing is followed here. */
+/* The pools and tables hold together, or abort: every node of a pool is on
+ * exactly one list (free list or table), so free + used = pool size; links
+ * point back; every binding and MAC user is what its table's lookup finds;
+ * each interface's user count equals its dynamic bindings (its port's and its
+ * VLAN's; not on a Slave, which counts what its Master sends). */
 inline void fuzz_check_tables(bool counts = true)
 {
     std::set<const DhcpsnoopList *> seen;

@@ -1,11 +1,8 @@
 #!/usr/bin/env bash
-# The host's own forwarding enforces the bindings: IP source guard and ARP
-# inspection on a kernel bridge's ports, made by dhcpsnoopd in its nftables
-# table.  A leased client reaches the server; an address it never leased does
-# not, nor can it (or a host on another port) poison the server's ARP cache;
-# after RELEASE the address stops passing; a daemon killed and started again
-# without the checks replaces its old table.  DHCP under stacked or unusual
-# tags, and with IP options, is trapped as well.
+# Source guard and ARP inspection in dhcpsnoopd's nftables table on a kernel
+# bridge: a leased address passes, an unleased one neither passes nor poisons
+# ARP caches, a released one stops; a restarted daemon replaces a killed one's
+# table; DHCP under odd tags or with IP options is trapped.
 set -u
 . "$(dirname "$0")/e2e-lib.sh"
 e2e_init enforce tshark isc-dhcp-client iputils-ping python3-scapy

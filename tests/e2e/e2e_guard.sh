@@ -1,11 +1,8 @@
 #!/usr/bin/env bash
-# A hostile host and hostile local processes beside a real client: a spoofing
-# host on an untrusted port claims and releases the client's address and
-# floods REQUESTs; idle and half-sent command connections are held open;
-# front ends without the right credentials or many at once knock on the
-# socket.  The client keeps its binding and lease throughout.  Then the
-# daemon's lifecycle: a second daemon refuses the live socket, SIGTERM takes
-# the traps and the socket away, and a start-up that cannot work exits 1.
+# A real client keeps its binding and lease beside a spoofing, flooding host,
+# held-open command connections and unprivileged or many front ends; then the
+# lifecycle: a second daemon refuses the live socket, SIGTERM takes the traps
+# and the socket away, a start-up that cannot work exits 1.
 set -u
 . "$(dirname "$0")/e2e-lib.sh"
 e2e_init guard isc-dhcp-client python3-scapy util-linux
