@@ -1,15 +1,12 @@
 /*
- * The command server's framing through its socket read path: a started
- * daemon accepts connections (the fake system calls) whose client sends the
- * input's bytes, which recv hands over in chunks, one connection a loop pass.
- *
- * Input: a run of connections, each a chunk byte (the most bytes one recv
- * hands over, 0: no limit), a 2-byte big-endian length and that many bytes
- * sent by the client: normally the 4-byte host-order request length, then
- * the body.  After each pass the connection must be closed, unanswered or
- * answered with a 4-byte length and that many bytes, never more than it
- * asked (22 for an empty request), and the tables must hold together.
- * fuzz/gen_corpus.py cmdsock writes seeds from fuzz/corpus/cmd/.
+ * The command server's framing through its socket read path, one connection a
+ * loop pass.  Input: connections, each a chunk byte (the most bytes one recv
+ * hands over, 0: no limit), a 2-byte big-endian length and the bytes the
+ * client sends (normally a 4-byte host-order request length, then the body).
+ * After each pass the connection is closed, unanswered or answered with a
+ * 4-byte length and that many bytes, never more than it asked (22 for an
+ * empty request), and the tables hold together.  The debug flags change with
+ * each connection, so messages are formatted too.  Seeds: gen_corpus.py cmdsock.
  */
 #include "fuzz_state.h"
 
@@ -37,6 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             memcpy(&asked, data + pos - len, 4);
         sys.pendingConns.push_back(c);
         sys.finishedConns.clear();
+        gDhcpsnoop.debugFlags = uint8_t(n & 3); /* so that messages are formatted too */
         dhcpsnoop_main_pass();
 
         if (!sys.conns.empty() || sys.finishedConns.size() != 1)

@@ -1,9 +1,9 @@
 /*
- * Arbitrary bytes as one datagram from the netlink socket, on three snooped
- * interfaces (two ports and an aggregate) beside a VLAN interface and a
- * handful of bindings of every kind, some already in hardware.  No read may
- * leave the datagram and the tables must stay whole.  fuzz/gen_corpus.py
- * netlink writes the seeds (little-endian host order).
+ * On three snooped interfaces (two ports and an aggregate) and a VLAN
+ * interface, input byte 0 chooses: 0, the rest is a netlink datagram to a
+ * Master with bindings of every kind, some in hardware; else a sync buffer to
+ * a Slave, which never programs hardware or sends.  No read may leave the
+ * input; the tables stay whole.  Seeds: gen_corpus.py netlink (and sync-*).
  */
 #include "dhcpsnoop_notify.h"
 #include "fuzz_state.h"
@@ -49,16 +49,11 @@ void binding(uint8_t last, uint8_t type, uint32_t ifIndex, uint16_t vid, uint8_t
                 e->curUser++;
 }
 
-void fresh_state()
+void fresh_state(bool slave)
 {
-    fuzz_fresh_state(6, 12, 2);
-    gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
-    gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
-    gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO | DHCPSNOOP_DEBUG_DUMP;
-
+    fuzz_restart(false);
     SwitchModel &m = sim_model();
-    m.reset();
-    m.hwScalars[53] = 0; /* Master: hardware is programmed and copies are sent */
+    m.hwScalars[53] = slave; /* 0: Master, hardware is programmed and copies are sent */
     m.hwScalars[45] = 1;
     m.addPort(3, "p3").location = {1, 2, 3, 0, 0, 0, 5};
     m.addPort(4, "p4").location = {1, 2, 4, 0, 0, 0, 6};
@@ -70,6 +65,9 @@ void fresh_state()
     m.dai[7] = {0, 1, 0x80};
     m.cardAnswers[DHCPSNOOP_CARD_STATE] = 0;
     m.slotAnswers[DHCPSNOOP_SLOT_STATE] = 1;
+    if (dhcpsnoop_init_ex(6, 12, 2, 3, nullptr, ipsgIfGetApi, arpAntiAttackIfGetApi) != 0)
+        abort();
+    gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO | DHCPSNOOP_DEBUG_DUMP;
 
     snooped(3);
     snooped(4);
@@ -77,7 +75,8 @@ void fresh_state()
     DhcpsnoopIf *vlan = snooped(100);
     vlan->isVlanIf = 1;
     dhcpsnoop_if_set_field(vlan, ifflag::VID_MASK, ifflag::VID_SHIFT, 10);
-
+    if (slave)
+        return;
     binding(1, DHCPSNOOP_USER_DYNAMIC, 3, 10, DHCPSNOOP_HW_IPSG, 0x0100000a);
     binding(2, DHCPSNOOP_USER_DYNAMIC, 3, 10, 0, 0);
     binding(3, DHCPSNOOP_USER_STATIC, 4, 10, DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI, 0);
@@ -90,7 +89,22 @@ void fresh_state()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fresh_state();
+    if (size == 0)
+        return 0;
+    const bool slave = data[0] != 0;
+    fresh_state(slave);
+    data++, size--;
+    if (slave) {
+        SwitchModel &m = sim_model();
+        m.hwUserCalls.clear();
+        m.scalarSyncs.clear();
+        QorTextPair d{const_cast<uint8_t *>(data), uint32_t(size)};
+        dhcpsnoop_sync_pkt_recv(&d);
+        fuzz_check_tables(false);
+        if (!m.hwUserCalls.empty() || !m.scalarSyncs.empty())
+            abort();
+        return 0;
+    }
     /* the loop reads at most one frame buffer's worth; the copy is exactly
      * as long as the datagram, so any read past it is caught */
     if (size > DHCPSNOOP_FRAME_MAX)

@@ -1,13 +1,10 @@
 /*
  * The whole receive path: frames reach a started daemon through its packet
- * sockets (the fake system calls) and one main-loop pass each, on a small
- * switch whose settings the input chooses; after every pass the pools and
- * tables must still hold together (fuzz_check_tables).
- *
- * Input layout: 4 setting bytes, then up to FRAMES_MAX records
+ * sockets and one main-loop pass each, on a small switch the input sets up;
+ * after every pass the pools and tables must hold together.
+ * Input: 4 setting bytes, then up to FRAMES_MAX records
  *   c0    bit 0 DHCPv6 socket; bit 1 no packet information; bits 2-4 the
- *         ingress (kIngress); bits 5-7 the outer VLAN (kVids; 0: the
- *         frame's own tag, else 1)
+ *         ingress (kIngress); 5-7 the outer VLAN (kVids; 0: the frame's tag, else 1)
  *   c1    seconds the clock moves before the pass, times 8
  *   len   2 bytes, big-endian; then the frame (cut at the input's end)
  * Settings (port 1 the clients' port, 2 the trusted server port, 3 a
@@ -19,7 +16,7 @@
  *         trusted; 7 VLAN interface 101 on
  *   s3    bits 0-2 port 1's user limit - 1; 3-4 role; 5 source-guard and
  *         ARP-inspection hooks; 6 debug trace and dumps; 7 a pool of 4 users
- * fuzz/gen_corpus.py rx writes seeds in this layout from captured exchanges.
+ * fuzz/gen_corpus.py rx writes seeds from captured exchanges.
  */
 #include "fuzz_state.h"
 
@@ -81,7 +78,8 @@ void start_switch(const uint8_t *s)
         set(i, 10, s[1] >> 4);
         set(i, 30, s[2] & 7);
         set(i, 31, s[2] >> 3 & 7);
-        set_text(i, 5, "%s.%c.%d:%N");
+        /* every directive of a template, on the ports the captures do not use */
+        set_text(i, 5, i == 1 ? "%s.%c.%d:%N" : "%D.%e.%N.%i.%y.%S.%r.%s.%c.%l.%d ");
         set_text(i, 6, "e2e-switch-remote"); /* as the captured replies carry */
         set(i, 9, s[0] >> 1 & 1);
         set_text(i, 7, "rack7");

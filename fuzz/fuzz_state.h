@@ -1,6 +1,5 @@
-/* What every harness shares: the daemon's state made by hand (empty tables,
- * small pools, no sockets) or a daemon started on the fake system calls,
- * the check that the tables hold together, and a quiet standard output. */
+/* What every harness shares: a daemon started on the fake system calls, the
+ * check that the tables hold together, and a quiet standard output. */
 #ifndef DHCPSNOOP_FUZZ_STATE_H
 #define DHCPSNOOP_FUZZ_STATE_H
 
@@ -17,34 +16,6 @@
 #include "dhcpsnoop_user.h"
 #include "fake_sys.h"
 #include "switch_model.h"
-
-inline void fuzz_fresh_state(uint16_t ifMax, uint16_t userMax, uint16_t serverMax)
-{
-    for (void **pool : {&gDhcpsnoop.ifPool, &gDhcpsnoop.userPool, &gDhcpsnoop.serverPool})
-        if (*pool)
-            dhcpsnoop_sys->free(*pool);
-    memset(&gDhcpsnoop, 0, sizeof gDhcpsnoop);
-    dhcpsnoop_list_init(&gDhcpsnoop.ifList);
-    dhcpsnoop_list_init(&gDhcpsnoop.serverList);
-    for (int i = 0; i < DHCPSNOOP_HASH_SIZE; i++) {
-        dhcpsnoop_list_init(&gDhcpsnoop.userHash[i]);
-        dhcpsnoop_list_init(&gDhcpsnoop.macUserHash[i]);
-    }
-    gDhcpsnoop.ifMax = ifMax;
-    gDhcpsnoop.userMax = userMax;
-    gDhcpsnoop.serverMax = serverMax;
-    gDhcpsnoop.dataSock = gDhcpsnoop.data6Sock = gDhcpsnoop.udpSock = -1;
-    gDhcpsnoop.cmdSock = gDhcpsnoop.rtSock = -1;
-    gDhcpsnoop.enterpriseNum = DHCPSNOOP_ENTERPRISE_NUMBER;
-    if (dhcpsnoop_memlist_init(&gDhcpsnoop.ifFreeList, &gDhcpsnoop.ifPool, sizeof(DhcpsnoopIf),
-                               ifMax) != 0 ||
-        dhcpsnoop_memlist_init(&gDhcpsnoop.userFreeList, &gDhcpsnoop.userPool,
-                               sizeof(DhcpsnoopUser), userMax) != 0 ||
-        dhcpsnoop_memlist_init(&gDhcpsnoop.serverFreeList, &gDhcpsnoop.serverPool,
-                               sizeof(DhcpsnoopServer), serverMax) != 0 ||
-        dhcpsnoop_user_index_init(userMax) != 0)
-        abort();
-}
 
 /* A daemon stopped and set up again on fresh fake system calls and an empty
  * switch model; the caller adds ports and calls dhcpsnoop_init_ex. */
@@ -63,14 +34,11 @@ inline FakeSys &fuzz_restart(bool clockStill)
     return sys;
 }
 
-/* The pools and tables hold together, or abort: every node of a pool lies in
- * that pool and is on exactly one list (its free list or a table), so free +
- * used = pool size; each link's neighbours point back at it; every binding
- * and MAC user is the one its table's own lookup finds; each interface's
- * user count equals the dynamic bindings that deleting them would count down
- * on it (its port's and its VLAN's; not on a Slave, which counts what its
- * Master sends whatever its type).  This is the one place that knows how
- * the tables are laid out: a change of buckets or hashing is followed here. */
+/* The pools and tables hold together, or abort: every node of a pool is on
+ * exactly one list (free list or table), so free + used = pool size; links
+ * point back; every binding and MAC user is what its table's lookup finds;
+ * each interface's user count equals its dynamic bindings (its port's and its
+ * VLAN's; not on a Slave, which counts what its Master sends). */
 inline void fuzz_check_tables(bool counts = true)
 {
     std::set<const DhcpsnoopList *> seen;

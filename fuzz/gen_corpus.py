@@ -1,12 +1,13 @@
 #!/usr/bin/python3
 """Write the harnesses' seeds into fuzz/corpus/NAME/ (layouts: fuzz/fuzz_NAME.cpp).
 
-    fuzz/gen_corpus.py [dhcp4] [dhcp6] [netlink] [cmdsock]   (default: all four)
+    fuzz/gen_corpus.py [netlink] [cmdsock]   (default: both)
     fuzz/gen_corpus.py rx --run | DIR...
 
 rx: the frames of real exchanges, client.pcap (port 1) and server.pcap (the
 trusted port 2) of end-to-end directories kept with NL_KEEP=1 (--run runs the
-capturing tests first), under a few settings and arrangements.
+capturing tests first), under a few settings and arrangements.  The rx seeds
+dhcp4-* and dhcp6-* are hand-made frames, kept as they are.
 """
 import os
 import re
@@ -27,47 +28,9 @@ def write(kind, seeds):
             f.write(data)
 
 
-def dhcp4():
-    from scapy.all import BOOTP, DHCP, IP, UDP, Dot1Q, Ether
-    ch = b"\x02\0\0\0\0\x01"
-
-    def frame(op, opts, vlans=(), src="0.0.0.0", dst="255.255.255.255", sport=68, dport=67, yiaddr="0.0.0.0"):
-        f = Ether(src="02:00:00:00:00:01", dst="ff:ff:ff:ff:ff:ff")
-        for v in vlans:
-            f /= Dot1Q(vlan=v)
-        return bytes(f / IP(src=src, dst=dst, flags="DF", id=0) / UDP(sport=sport, dport=dport) /
-                     BOOTP(op=op, xid=0x12345678, yiaddr=yiaddr, chaddr=ch) / DHCP(options=opts + ["end"]))
-    o82 = ("relay_agent_information", b"\x01\x08\0\x06\0\x14\x01\0\x03\x01\x02\x08\0\x06" + bytes(range(16, 22)))
-    # control: l2 len, flags, port/debug, outer vid, inner vid, if modes, policy/modes, texts
-    write("dhcp4", {
-        "discover": bytes([14, 0, 0x31, 10, 0, 0x5B, 0x0A, 0]) + frame(
-            1, [("message-type", 1), ("vendor_class_id", b"\x01\x04\x0a\0\0\x01")]),
-        "request_opt82": bytes([18, 0, 0x12, 20, 0, 0xE4, 0x77, 0x35]) + frame(
-            1, [("message-type", 3), ("requested_addr", "10.0.0.5"), ("server_id", "10.0.0.1"),
-                (o82[0], o82[1] + b"\x09\x08\0\0\x7e\xd9\x03\x01\x01x")], vlans=(20,)),
-        "ack": bytes([14, 0, 0x21, 10, 0, 0x49, 0xA4, 0]) + frame(
-            2, [("message-type", 5), ("server_id", "10.0.0.1"), ("lease_time", 3600), ("router", "10.0.0.254"),
-                ("subnet_mask", "255.255.255.0"), (o82[0], o82[1][10:])],
-            src="10.0.0.1", dst="10.0.0.5", sport=67, dport=68, yiaddr="10.0.0.5")})
-
-
-def dhcp6():
-    opt = lambda code, data: struct.pack("!HH", code, len(data)) + data  # noqa: E731
-    addr = lambda last, valid, inner=b"": opt(5, bytes(15) + bytes([last]) + struct.pack("!II", valid // 2, valid) + inner)  # noqa: E731
-    ia = lambda *addrs: opt(3, struct.pack("!III", 1, 0, 0) + b"".join(addrs))  # noqa: E731
-
-    def frame(knobs, msg_type, options, sport=546, dport=547):
-        udp = struct.pack("!HHHH", sport, dport, 12 + len(options), 0) + bytes([msg_type, 1, 2, 3]) + options
-        return (knobs + bytes.fromhex("333300010002" "020000000001" "86dd") + struct.pack("!IHBB", 0x60000000, len(udp), 17, 1) +
-                bytes.fromhex("fe80" + "0" * 26 + "01" "ff02" + "0" * 22 + "010002") + udp)
-    write("dhcp6", {
-        "solicit": frame(b"\x0e\x31\x05\x01", 1, opt(1, b"\0\x01abcd") + ia(addr(5, 100))),
-        "request": frame(b"\x0e\x32\x03\x03", 3, ia(addr(6, 100)) + opt(18, b"\x01\x06\0\x06") + opt(37, b"\0\0\x7e\xd9ab")),
-        "reply": frame(b"\x0e\x30\x05\x07", 7, ia(addr(6, 3600), addr(7, 0, opt(13, b"\0\x02"))), 547, 546)})
-
-
 def netlink():
-    """One valid datagram of each kind, in little-endian host order."""
+    """One valid datagram of each kind, in little-endian host order, after the byte 0
+    (the sync-* seeds beside them are hand-made)."""
     msg = lambda t, payload=b"": struct.pack("<IHHII", 16 + len(payload), t, 0, 1, 0) + payload  # noqa: E731
     pad = lambda b: b + b"\0" * (-len(b) % 4)  # noqa: E731
     attr = lambda t, v=b"": pad(struct.pack("<HH", 4 + len(v), t) + v)  # noqa: E731
@@ -75,18 +38,18 @@ def netlink():
     check = lambda t, idx, items: msg(t, struct.pack("<IB", idx, items))  # noqa: E731
     chassis = lambda t, system, slot, card: msg(t, struct.pack("<IIII", system, slot, card, 0))  # noqa: E731
     u32 = lambda v: struct.pack("<I", v)  # noqa: E731
-    write("netlink", {
+    write("netlink", {name: b"\0" + d for name, d in {
         "newlink_agg_add_remove": link(16, 5, attr(52, u32(7)) + attr(53, u32(8))),
         "newlink_join_synccfg": link(16, 3, attr(49) + attr(38) + attr(60, b"\1\2")),
         "dellink": link(17, 4), "ipsg_port": check(198, 3, 0xC0), "ipsg_vlan_withdraw": check(198, 100, 0),
         "dai_vlan": check(199, 100, 0x60), "dai_start_stop": pad(check(123, 3, 0x90)) + msg(124),
         "card_up": chassis(87, 1, 2, 5), "card_down": chassis(88, 1, 2, 5),
         "slot_up_down": chassis(90, 1, 2, 0) + chassis(91, 1, 3, 0), "subsystem_up": msg(93),
-        "resend_vlan": msg(190, u32(10)), "several": pad(link(16, 3, attr(49, b"\1"))) + link(17, 3) + msg(200)})
+        "resend_vlan": msg(190, u32(10)), "several": pad(link(16, 3, attr(49, b"\1"))) + link(17, 3) + msg(200)}.items()})
 
 
 def cmdsock():
-    """fuzz_cmd's requests (2-byte little-endian length, body) as connections,
+    """The requests of corpus/cmd/ (2-byte little-endian length, body) as connections,
     whole and handed over 4 bytes at a time."""
     seeds, src = {}, os.path.join(HERE, "corpus", "cmd")
     for name in sorted(os.listdir(src)):
@@ -145,5 +108,5 @@ if __name__ == "__main__":
     if sys.argv[1:2] == ["rx"] and sys.argv[2:]:
         rx(sys.argv[2:])
     else:
-        for kind in sys.argv[1:] or ["dhcp4", "dhcp6", "netlink", "cmdsock"]:
+        for kind in sys.argv[1:] or ["netlink", "cmdsock"]:
             globals()[kind]()

@@ -1,13 +1,9 @@
 #!/usr/bin/python3
 """The end-to-end tests' packet tools: dhcplab.py count FILE EXPR (how many
 DHCP messages m of a pcap file satisfy EXPR), send IFACE EXPR (send the scapy
-frames EXPR), tagged IFACE VID MAC (a DHCPv4 client on an 802.1Q-tagged link;
-prints its OFFER, ACK and replies as JSON, exit 0 on an ACK).  Frames are
-decoded byte by byte, so the checks see exactly what crossed the wire; the
-fields of m are the keys decode() sets."""
+frames EXPR).  Frames are decoded byte by byte, so the checks see exactly
+what crossed the wire; the fields of m are the keys decode() sets."""
 import ipaddress
-import json
-import random
 import struct
 import sys
 
@@ -92,37 +88,6 @@ def decode(fr):
     return None
 
 
-def tagged(iface, vid, mac):
-    from scapy.all import BOOTP, DHCP, IP, UDP, Dot1Q, Ether, conf, sniff  # scapy puts tags back
-    s = conf.L2socket(iface=iface)
-    xid, out = random.randrange(1, 2**32), {"replies": []}
-    opt = lambda p, name: dict(o for o in p[DHCP].options if isinstance(o, tuple)).get(name)  # noqa: E731
-    mine = lambda p: BOOTP in p and p[BOOTP].op == 2 and p[BOOTP].xid == xid  # noqa: E731
-
-    def ask(options, want):
-        frame = (Ether(src=mac, dst="ff:ff:ff:ff:ff:ff") / Dot1Q(vlan=vid) /
-                 IP(src="0.0.0.0", dst="255.255.255.255") / UDP(sport=68, dport=67) /
-                 BOOTP(chaddr=bytes.fromhex(mac.replace(":", "")), xid=xid) / DHCP(options=options + ["end"]))
-        for _ in range(15):
-            s.send(frame)
-            for p in sniff(opened_socket=s, timeout=2, lfilter=mine,
-                           stop_filter=lambda p: mine(p) and opt(p, "message-type") == want):
-                d = {"vlans": [t.vlan for t in p.iterpayloads() if isinstance(t, Dot1Q)],
-                     "type": opt(p, "message-type"), "yiaddr": p[BOOTP].yiaddr,
-                     "server": opt(p, "server_id"), "lease": opt(p, "lease_time")}
-                out["replies"].append(d)
-                if d["type"] == want:
-                    return d
-        return None
-
-    out["offer"] = ask([("message-type", "discover")], 2)
-    if out["offer"]:
-        out["ack"] = ask([("message-type", "request"), ("requested_addr", out["offer"]["yiaddr"]),
-                          ("server_id", out["offer"]["server"])], 5)
-    print(json.dumps(out))
-    return 0 if out.get("ack") else 1
-
-
 def main(argv):
     if argv[1:2] == ["count"]:
         where = compile(argv[3], "where", "eval")
@@ -133,8 +98,6 @@ def main(argv):
         from scapy.all import sendp
         import scapy.all
         sendp(eval(argv[3], vars(scapy.all)), iface=argv[2], inter=0.005, verbose=False)
-    elif argv[1:2] == ["tagged"]:
-        return tagged(argv[2], int(argv[3]), argv[4])
     else:
         raise SystemExit(__doc__)
     return 0

@@ -77,5 +77,31 @@ v4_lab() {
 }
 v4_server() { dnsmasq_v4 srv eth0 10.77.0.1/24 10.77.0.100 10.77.0.150 600 "$NL_TMP/server.log" || exit 1; }
 
+# lab2 SWC_LINE SWS_LINE [COMMAND...]: namespaces sw, cl, srv; swc--cl/eth0 and
+# sws--srv/eth0 on a bridge; the daemon with those port lines, snooping on both
+# ports, then each COMMAND; captures at both ends.
+lab2() {
+  nl_ns sw cl srv
+  nl_link sw swc cl eth0 "$CLIENT_MAC"
+  nl_link sw sws srv eth0 02:00:00:00:00:51
+  lab_switch sw swc sws
+  ds_config "$NL_TMP/dhcpsnoop.conf" "$1" "$2" "hostname e2e-switch" "hardware-state $NL_TMP/hardware"
+  ds_start sw "$NL_TMP/dhcpsnoop.conf" "$SOCK" "$NL_TMP/dhcpsnoopd.log" 0 0 || exit 1
+  shift 2
+  ctl_all "$SOCK" "global enable on" "interface swc enable on" "interface sws enable on" "$@"
+  caps_start
+}
+caps_start() {
+  cap_start srv eth0 "$NL_TMP/server.pcap" || exit 1; CAP_SRV=$CAP_PID
+  cap_start cl eth0 "$NL_TMP/client.pcap" || exit 1; CAP_CL=$CAP_PID
+}
+caps_stop() { sleep 0.5; cap_stop "$CAP_SRV"; cap_stop "$CAP_CL"; }
+# cap_all FILE MINE COND WHAT EACH: some messages MINE in the capture, all of them COND.
+cap_all() {
+  local n; n=$(cap_count "$1" "$2")
+  check "$4 ($n)" gt0 "$n"
+  check_eq "$5" "$n" "$(cap_count "$1" "$2 and ($3)")"
+}
+
 # check_alive WHAT PID: a daemon of ours still runs (a crash would have ended it).
 check_alive() { check "$1 is still running" kill -0 "$2"; }

@@ -11,8 +11,7 @@ case $client in dhclient) cpkg=isc-dhcp-client ;; udhcpc) cpkg=busybox ;; *) nl_
 e2e_init "v4$client" tshark "$spkg" "$cpkg"
 CIRCUIT=e2e-port-swc REMOTE=e2e-switch-remote
 v4_lab 0xf0 0 0 1 1 0
-cap_start srv eth0 "$NL_TMP/server.pcap" || exit 1; CAP_SRV=$CAP_PID
-cap_start cl eth0 "$NL_TMP/client.pcap" || exit 1; CAP_CL=$CAP_PID
+caps_start
 if [ "$server" = kea ]; then
   kea_v4 srv eth0 10.77.0.1/24 10.77.0.0/24 10.77.0.100 10.77.0.150 600 "$NL_TMP/server.log" || exit 1
 else
@@ -37,15 +36,12 @@ if [ "$client" = dhclient ]; then dhclient_release cl eth0 "$REC"; else kill -US
 check "the client's RELEASE removed the binding" wait_for 15 "the binding to go" no_binding_for "$SOCK" "$ip"
 check "the hardware entry went with it" wait_for 5 "the hardware entry to go" not hw_has
 wait_for 10 "the RELEASE at the server" grep -qi "release" "$NL_TMP/server.log"
-sleep 0.5 # the last frames reach the captures
-cap_stop "$CAP_SRV"; cap_stop "$CAP_CL"
+caps_stop
 
 mine="m['v'] == 4 and m['op'] == 1 and m['chaddr'] == '$CLIENT_MAC' and m['type'] in ('DISCOVER', 'REQUEST')"
 o82="{1: '01%02x' % len('$CIRCUIT') + text_hex('$CIRCUIT'), 2: '01%02x' % len('$REMOTE') + text_hex('$REMOTE')}"
-n=$(cap_count "$NL_TMP/server.pcap" "$mine")
-check "the client's DISCOVER/REQUEST reached the server ($n)" gt0 "$n"
-check_eq "each with option 82 ('$CIRCUIT', '$REMOTE') and a valid checksum" "$n" \
-  "$(cap_count "$NL_TMP/server.pcap" "$mine and m['o82'] == $o82 and m['csum_ok'] is not False")"
+cap_all "$NL_TMP/server.pcap" "$mine" "m['o82'] == $o82 and m['csum_ok'] is not False" \
+  "the client's DISCOVER/REQUEST reached the server" "each with option 82 ('$CIRCUIT', '$REMOTE') and a valid checksum"
 # The ACK locates the client by its new binding and leaves without the
 # switch's option 82; the OFFER, flooded before any binding, may keep it.
 cl() { cap_count "$NL_TMP/client.pcap" "m['v'] == 4 and ($1)"; }

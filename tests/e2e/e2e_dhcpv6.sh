@@ -4,18 +4,9 @@
 set -u
 . "$(dirname "$0")/e2e-lib.sh"
 e2e_init v6 tshark isc-dhcp-client
-nl_ns sw cl srv
-nl_link sw swc cl eth0 "$CLIENT_MAC"
-nl_link sw sws srv eth0 02:00:00:00:00:51
-lab_switch sw swc sws
-ds_config "$NL_TMP/dhcpsnoop.conf" "port swc" "port sws" "hostname e2e-switch" "hardware-state $NL_TMP/hardware"
-ds_start sw "$NL_TMP/dhcpsnoop.conf" "$SOCK" "$NL_TMP/dhcpsnoopd.log" 0 0 || exit 1
 # The version comes before trust: changing it leaves a port untrusted.
-ctl_all "$SOCK" "global enable on" "interface swc enable on" "interface sws enable on" \
-  "interface swc version both" "interface sws version both" "interface sws trust on" \
+lab2 "port swc" "port sws" "interface swc version both" "interface sws version both" "interface sws trust on" \
   "interface swc option18 on" "interface swc option37 on"
-cap_start srv eth0 "$NL_TMP/server.pcap" || exit 1; CAP_SRV=$CAP_PID
-cap_start cl eth0 "$NL_TMP/client.pcap" || exit 1; CAP_CL=$CAP_PID
 dnsmasq_v6 srv eth0 2001:db8:1::1/64 2001:db8:1::100 2001:db8:1::1ff 600 "$NL_TMP/server.log" || exit 1
 dhclient_start cl eth0 "$REC" -6
 lease_wait
@@ -25,8 +16,7 @@ check_eq "the one IPv6 binding: MAC, port, VLAN, lease, type, state" \
   "$CLIENT_MAC swc 1 600 dynamic bound" "$(binding_of "$SOCK" "$ip")"
 dhclient_release cl eth0 "$REC" -6
 check "the client's RELEASE removed the IPv6 binding" wait_for 15 "the binding to go" no_binding_for "$SOCK" "$ip"
-sleep 0.5
-cap_stop "$CAP_SRV"; cap_stop "$CAP_CL"
+caps_stop
 
 # Options 18 and 37 as the switch builds them by default: type 1 (6 bytes
 # said, 8 given: VLAN and the port's location), type 2 (the port's MAC);
@@ -35,10 +25,9 @@ idx=$(in_ns sw cat /sys/class/net/swc/ifindex)
 swmac=$(in_ns sw cat /sys/class/net/swc/address)
 data=$(printf '010600060001010001%02x02080006%s' "$idx" "${swmac//:/}")
 mine="m['v'] == 6 and m['src'] == '$CLIENT_MAC' and m['type'] in ('SOLICIT', 'REQUEST', 'RELEASE')"
-n=$(cap_count "$NL_TMP/server.pcap" "$mine")
-check "the client's SOLICIT/REQUEST/RELEASE reached the server ($n)" gt0 "$n"
-check_eq "each with option 18 = the port's identity, 37 = enterprise number + the same, valid checksum" "$n" \
-  "$(cap_count "$NL_TMP/server.pcap" "$mine and m['o18'] == '$data' and (m['o37'] or '')[8:] == '$data' and m['csum_ok'] is True")"
+cap_all "$NL_TMP/server.pcap" "$mine" "m['o18'] == '$data' and (m['o37'] or '')[8:] == '$data' and m['csum_ok'] is True" \
+  "the client's SOLICIT/REQUEST/RELEASE reached the server" \
+  "each with option 18 = the port's identity, 37 = enterprise number + the same, valid checksum"
 cl() { cap_count "$NL_TMP/client.pcap" "m['v'] == 6 and ($1)"; }
 check "the server's ADVERTISE/REPLY reached the client" gt0 "$(cl "m['type'] in ('ADVERTISE', 'REPLY')")"
 check_eq "at the client: messages with option 18 or 37, replies without a valid checksum" "0 0" \

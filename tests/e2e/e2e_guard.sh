@@ -1,11 +1,8 @@
 #!/usr/bin/env bash
-# A hostile host and hostile local processes beside a real client: a spoofing
-# host on an untrusted port claims and releases the client's address and
-# floods REQUESTs; idle and half-sent command connections are held open;
-# front ends without the right credentials or many at once knock on the
-# socket.  The client keeps its binding and lease throughout.  Then the
-# daemon's lifecycle: a second daemon refuses the live socket, SIGTERM takes
-# the traps and the socket away, and a start-up that cannot work exits 1.
+# A real client keeps its binding and lease beside a spoofing, flooding host,
+# held-open command connections and unprivileged or many front ends; then the
+# lifecycle: a second daemon refuses the live socket, SIGTERM takes the traps
+# and the socket away, a start-up that cannot work exits 1.
 set -u
 . "$(dirname "$0")/e2e-lib.sh"
 e2e_init guard isc-dhcp-client python3-scapy util-linux
@@ -64,12 +61,6 @@ check_eq "spoofs dropped by the binding guard; users of the spoofer's port; the 
 check "the hardware still has the client's binding" grep -q "^swc $ip $CLIENT_MAC" "$NL_TMP/hardware"
 check "the client still holds $ip" grep -q " $ip/" <<<"$(in_ns cl ip -4 addr show eth0)"
 check "the server never saw the spoofer's claim on $ip" not grep -qi "DHCPREQUEST(eth0) $ip $SPOOF_MAC" "$NL_TMP/server.log"
-# The client's own RELEASE still works, and its port's share is untouched.
-dhclient_release cl eth0 "$REC"
-check "the client's own RELEASE removed its binding" wait_for 15 "the binding to go" no_binding_for "$SOCK" "$ip"
-dhclient_start cl eth0 "$REC"
-lease_wait
-check "the client got a lease again after the flood ($ip)" has_binding_for "$SOCK" "${ip:-none}"
 check_alive dhcpsnoopd "$DS_PID"
 stop_pid "$NL_LAST_PID"
 in_ns cl ip -4 addr flush dev eth0
@@ -90,7 +81,7 @@ check "the traps are installed" gt0 "$(chains)"
 kill -TERM "$DS_PID"
 wait_exit 10 "$DS_PID"; wait "$DS_PID"
 check_eq "SIGTERM ends the daemon with status 0" 0 "$?"
-check_eq "no trap is left behind" 0 "$(chains)"
+check "no trap is left behind: the table is gone" not eval "in_ns sw nft list table netdev dhcpsnoop &>/dev/null"
 check "the socket file is gone" not test -e "$SOCK"
 dhclient_start cl eth0 "$REC"
 check "with the daemon stopped, DHCP is forwarded by the bridge again" \

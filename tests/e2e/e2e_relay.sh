@@ -18,8 +18,7 @@ ctl_all "$SOCK" "global enable on" "interface swc enable on" "interface swu enab
   "interface swu trust on" "interface swc option82 on" "interface swc option82 circuit-id text relay-circuit" \
   "interface swc relay-address $RELAY" "server-ip add swc $SERVER"
 check "server-ip check swc $SERVER" ctl_in sw "$SOCK" server-ip check swc "$SERVER" >/dev/null
-cap_start srv eth0 "$NL_TMP/server.pcap" || exit 1; CAP_SRV=$CAP_PID
-cap_start cl eth0 "$NL_TMP/client.pcap" || exit 1; CAP_CL=$CAP_PID
+caps_start
 dnsmasq_v4 srv eth0 "$SERVER/24" 192.168.50.100 192.168.50.150 600 "$NL_TMP/server.log" || exit 1
 in_ns srv ip route add 192.168.50.0/24 via 10.9.0.1
 dhclient_start cl eth0 "$REC"
@@ -28,18 +27,15 @@ check "the client leased $ip from the relayed range" in_net "$ip" 192.168.50.0/2
 check_eq "lease time, server identifier" "600 $SERVER" "$(rec_get "$REC" lease) $(rec_get "$REC" server)"
 check_eq "binding: MAC, port, VLAN, lease, type, state" "$CLIENT_MAC swc 1 600 dynamic bound" "$(binding_of "$SOCK" "$ip")"
 check "dnsmasq saw relayed requests" grep -q "$RELAY" "$NL_TMP/server.log"
-sleep 0.5
-cap_stop "$CAP_SRV"; cap_stop "$CAP_CL"
+caps_stop
 
 mine="m['op'] == 1 and m['chaddr'] == '$CLIENT_MAC'"
-n=$(cap_count "$NL_TMP/server.pcap" "$mine")
-check "the client's DISCOVER/REQUEST reached the server ($n)" gt0 "$n"
-check_eq "all relayed: UDP $RELAY:67 to $SERVER:67, giaddr $RELAY, the port's option 82" "$n" \
-  "$(cap_count "$NL_TMP/server.pcap" "$mine and (m['ipsrc'], m['sport'], m['ipdst'], m['dport'], m['giaddr']) == ('$RELAY', 67, '$SERVER', 67, '$RELAY') and (m['o82'] or {}).get(1) == '010d' + text_hex('relay-circuit')")"
-r=$(cap_count "$NL_TMP/client.pcap" "m['op'] == 2 and m['chaddr'] == '$CLIENT_MAC'")
-check "the server's replies reached the client ($r)" gt0 "$r"
-check_eq "each from $RELAY to port 68, without option 82, checksum valid" "$r" \
-  "$(cap_count "$NL_TMP/client.pcap" "m['op'] == 2 and m['ipsrc'] == '$RELAY' and m['dport'] == 68 and 82 not in m['opts'] and m['csum_ok'] is not False")"
+cap_all "$NL_TMP/server.pcap" "$mine" "(m['ipsrc'], m['sport'], m['ipdst'], m['dport'], m['giaddr']) == ('$RELAY', 67, '$SERVER', 67, '$RELAY') and (m['o82'] or {}).get(1) == '010d' + text_hex('relay-circuit')" \
+  "the client's DISCOVER/REQUEST reached the server" \
+  "all relayed: UDP $RELAY:67 to $SERVER:67, giaddr $RELAY, the port's option 82"
+cap_all "$NL_TMP/client.pcap" "m['op'] == 2 and m['chaddr'] == '$CLIENT_MAC'" \
+  "m['ipsrc'] == '$RELAY' and m['dport'] == 68 and 82 not in m['opts'] and m['csum_ok'] is not False" \
+  "the server's replies reached the client" "each from $RELAY to port 68, without option 82, checksum valid"
 check_eq "the ACK carries the address the client took" 1 \
   "$(cap_count "$NL_TMP/client.pcap" "m['type'] == 'ACK' and m['yiaddr'] == '$ip'")"
 check_alive dhcpsnoopd "$DS_PID"
