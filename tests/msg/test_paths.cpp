@@ -458,6 +458,13 @@ TEST_F(PathTest, TagsFollowTheEgressPort)
             w[12] = uint8_t(c.tpid >> 8), w[13] = uint8_t(c.tpid);
         EXPECT_EQ(inject(CLIENT_PORT, f), (Outs{{SERVER_PORT, w}}));
     }
+    /* a reply to a bound client keeps the tag it came with */
+    inject(CLIENT_PORT, fromClient(3));
+    Dhcp4Frame ack = fromServer(5).end();
+    ack.vlans = {20};
+    model().ports[CLIENT_PORT].untagged = 0;
+    EXPECT_EQ(inject(SERVER_PORT, ack, 20), (Outs{{CLIENT_PORT, ack.build()}}));
+
     /* an excluded port receives nothing, unless it is a router port */
     model().ports[SERVER_PORT].excluded = 1;
     EXPECT_EQ(inject(CLIENT_PORT, fromClient(1)).size(), 1u);
