@@ -176,12 +176,12 @@ protected:
 
 } // namespace
 
-TEST_F(PathTest, DoraBindsTheClientAndKeepsRepliesOnItsPort)
+TEST_F(PathTest, DoraBindsTheClientAndOnlyTheTrustedServerIsHeard)
 {
     client->flags |= ifflag::OPTION82;
     gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
     model().ipsg[CLIENT_PORT] = {0, 1, DHCPSNOOP_CHECK_IP | DHCPSNOOP_CHECK_MAC};
-    enablePort(OTHER_PORT); /* untrusted: never gets client frames */
+    DhcpsnoopIf *rogue = enablePort(OTHER_PORT); /* untrusted: never gets client frames */
 
     /* DISCOVER: out of the trusted port only, option 82 added */
     auto out = inject(CLIENT_PORT, fromClient(1));
@@ -217,12 +217,9 @@ TEST_F(PathTest, DoraBindsTheClientAndKeepsRepliesOnItsPort)
     dhcpsnoop_main_pass();
     EXPECT_EQ(binding(), nullptr);
     EXPECT_EQ(model().hwUserCalls.back().op, 0x3E800E0u);
-}
 
-TEST_F(PathTest, RogueServerOnAnUntrustedPortIsDroppedCountedAndStillLearned)
-{
+    /* a rogue server on the untrusted port: dropped, counted, learnt, binds nothing */
     gDhcpsnoop.serverLearn = 1;
-    DhcpsnoopIf *rogue = enablePort(OTHER_PORT);
     for (uint8_t type : {2, 5, 6})
         EXPECT_TRUE(inject(OTHER_PORT, fromServer(type).end()).empty()) << int(type);
     EXPECT_EQ(rogue->counters[DHCPSNOOP_CNT_UNTRUSTED_REPLY], 3u);
