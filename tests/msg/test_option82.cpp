@@ -166,12 +166,16 @@ TEST_F(Option82Test, InsertedByModeTextAndFallbackThenStrippedBackToTheOriginal)
 TEST_F(Option82Test, SubOption9CutsTheHostNameTo128BytesAndNeedsOne)
 {
     uint8_t out[137];
+    EXPECT_EQ(dhcpsnoop_build_subopt9(out, &ifp, 1), 0u) << "switched off";
     ifp.flags |= ifflag::SUBOPT9;
     sim_model().hostname = std::string(200, 'h');
     uint32_t n = dhcpsnoop_build_subopt9(out, &ifp, 1);
     EXPECT_EQ(Bytes(out, out + n), cat({{9, 135}, ENT, {130, 1, 128}, Bytes(128, 'h')}));
     sim_model().hasHostname = false;
     EXPECT_EQ(dhcpsnoop_build_subopt9(out, &ifp, 1), 0u);
+    parse(frame(1));
+    pf->info.ifp = nullptr;
+    EXPECT_EQ(dhcpsnoop_build_subopt_remoteid(&pf->info, out, sizeof out), 0u) << "no interface";
 }
 
 TEST_F(Option82Test, EmptyOversizedOrTooLongOptionIsNotInserted)
@@ -262,7 +266,9 @@ TEST_F(Option82Test, AppendNeedsSubOption9AndAnEndOptionAndRoom)
 
 TEST_F(Option82Test, RemoteIdComparisonSkipsTheTypedHeaderAndStaysInTheBuffer)
 {
-    /* the typed MAC of mode 3 is the path tests' */
+    parse(frame(5, cat({{82, 10, 2, 8, 0, 6}, MAC})));
+    EXPECT_EQ(dhcpsnoop_remote_id_cmp(&pf->info, pf->info.remoteId, &ifp, 3), 0);
+    EXPECT_NE(dhcpsnoop_remote_id_cmp(&pf->info, pf->info.remoteId, &ifp, 4), 0);
     parse(frame(5, {82, 5, 2, 3, 'a', 'b', 'c'}));
     set_text(ifp.remoteId, ifp.remoteIdLen, "abc");
     EXPECT_EQ(dhcpsnoop_remote_id_cmp(&pf->info, pf->info.remoteId, &ifp, 4), 0);
