@@ -31,9 +31,8 @@ Bytes cmd_body(const CmdReq &r);
  * items of one type in place of the request's. */
 Bytes answered(Bytes req, int32_t rc, size_t pos = 0, uint8_t type = 0,
                const std::vector<Bytes> &items = {});
-/* Where the data item of a request begins: global or 32-bit index, user key,
- * server pair. */
-constexpr size_t DATA_POS_INDEX = 26 + 7, DATA_POS_USER = 26 + 29, DATA_POS_SERVER = 26 + 14;
+/* Where the data item of a request begins: global or 32-bit index, user key. */
+constexpr size_t DATA_POS_INDEX = 26 + 7, DATA_POS_USER = 26 + 29;
 
 /* dhcpsnoop_cmd_process on the body in a request buffer: the reply body. */
 Bytes cmd_run(const Bytes &body);
