@@ -102,7 +102,8 @@ TEST_F(CmdTest, RepliesAreTheRequestRewrittenByItsDataType)
     const Bytes ufirst = cmd_body({8, 0, key_items(&none.ipType), 0, Bytes(28)});
     EXPECT_EQ(cmd_run(ufirst), answered(ufirst, 0, DATA_POS_USER, 0, key_items(&key.ipType)));
     /* a number where a text belongs, and a text where a number belongs */
-    EXPECT_EQ(cmd_run(idx(5, 20, 5, 2, u32_bytes(0x1000))), idx(5, 20, 5, 2, u32_bytes(0x1000), bad));
+    const Bytes big = u32_bytes(0x1000);
+    EXPECT_EQ(cmd_run(idx(5, 20, 5, 2, big)), idx(5, 20, 5, 2, big, bad));
     EXPECT_EQ(cmd_run(idx(7, 20, 18, 0, Bytes(4))), idx(7, 20, 18, 0, Bytes(4), bad));
     EXPECT_EQ(cmd_run(glob(19, 2, z, 0, 0)), glob(19, 2, z, bad, 0));
     EXPECT_EQ(e->circuitIdLen, 0);
