@@ -359,6 +359,15 @@ TEST_F(CliOutput, SettingsAndTheirListings)
               "     13\n"
               "4          4      both     off    off    32768     0      -            0        0   "
               "     0\n");
+    EXPECT_EQ(ok("--json interface show"),
+              "[{\"interface\":null,\"ifindex\":3,\"version\":\"ipv4\",\"trust\":true,"
+              "\"option82\":true,\"max_users\":40,\"users\":2,\"relay_address\":\"192.0.2.254\","
+              "\"drops\":{\"untrusted_server\":11,\"mac_mismatch\":12,\"binding_mismatch\":13},"
+              "\"hardware_drops\":{\"source_guard\":7,\"arp_inspection\":8}},{\"interface\":null,"
+              "\"ifindex\":4,\"version\":\"both\",\"trust\":false,\"option82\":false,"
+              "\"max_users\":32768,\"users\":0,\"relay_address\":null,"
+              "\"drops\":{\"untrusted_server\":0,\"mac_mismatch\":0,\"binding_mismatch\":0},"
+              "\"hardware_drops\":{\"source_guard\":7,\"arp_inspection\":8}}]\n");
     EXPECT_EQ(ok("interface 3 get 18"), "40\n");
     EXPECT_EQ(ok("--json interface 3 get 18"), "{\"value\":40}\n");
 
