@@ -50,7 +50,7 @@ TEST_F(CmdTest, EveryDecodingFailureIsAnsweredWithNothing)
     const Bytes good = glob(1, 2, u32_bytes(0));
     Bytes intTruncated = idx(7, 5, 2, 2, u32_bytes(0));
     intTruncated.resize(30); /* the index value runs past the body */
-    Bytes textPastEnd = idx(5, 5, 5, 0, text_bytes("abcd"));
+    Bytes textPastEnd = idx(5, 5, 5, 0, Bytes{'a', 'b', 'c', 'd'});
     textPastEnd.pop_back();
     const struct {
         Bytes body;

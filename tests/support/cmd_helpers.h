@@ -2,14 +2,13 @@
 #ifndef DHCPSNOOP_CMD_HELPERS_H
 #define DHCPSNOOP_CMD_HELPERS_H
 
+#include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
 
 Bytes u32_bytes(uint32_t v);
-Bytes text_bytes(const std::string &s);
 uint32_t word(const Bytes &b, size_t at); /* the 32-bit value there */
 /* The index items of a 20-byte user key: 1, 3 and 16 bytes. */
 std::vector<Bytes> key_items(const uint8_t *key);
