@@ -5,34 +5,16 @@
 #include <set>
 
 #include "binding_helpers.h"
-#include "daemon_fixture.h"
 #include "dhcpsnoop_notify.h"
 
 namespace {
 using Bytes = std::vector<uint8_t>;
 
-template <class T> void put(Bytes &b, T v) { b.insert(b.end(), (uint8_t *)&v, (uint8_t *)&v + sizeof v); }
 Bytes words(std::initializer_list<uint32_t> ws)
 {
-    Bytes b;
-    for (uint32_t w : ws)
-        put(b, w);
+    Bytes b(ws.size() * 4);
+    memcpy(b.data(), ws.begin(), b.size());
     return b;
-}
-/* One message; `len` overrides its length field. */
-Bytes msg(uint16_t type, const Bytes &payload, uint32_t len = 0)
-{
-    Bytes b = words({len ? len : uint32_t(16 + payload.size())});
-    put(b, type);
-    b.resize(16);
-    b.insert(b.end(), payload.begin(), payload.end());
-    return b;
-}
-Bytes check_msg(uint16_t type, uint32_t ifIndex, uint8_t items)
-{
-    Bytes p = words({ifIndex});
-    p.push_back(items);
-    return msg(type, p);
 }
 /* Parts laid end to end, each starting on a multiple of 4. */
 Bytes cat(std::initializer_list<Bytes> parts)
@@ -44,17 +26,24 @@ Bytes cat(std::initializer_list<Bytes> parts)
     }
     return b;
 }
+/* One message; `len` overrides its length field. */
+Bytes msg(uint16_t type, const Bytes &payload, uint32_t len = 0)
+{
+    Bytes b = words({len ? len : uint32_t(16 + payload.size()), type, 0, 0});
+    return cat({b, payload});
+}
 /* A link attribute; `len` overrides its length field. */
 Bytes attr(uint16_t type, const Bytes &value, uint16_t len = 0)
 {
-    Bytes b;
-    put(b, uint16_t(len ? len : 4 + value.size()));
-    put(b, type);
-    return cat({b, value, {}});
+    return cat({words({uint32_t(len ? len : 4 + value.size()) | uint32_t(type) << 16}), value, {}});
 }
 Bytes link_msg(uint16_t type, uint32_t ifIndex, const Bytes &attrs = {})
 {
     return msg(type, cat({words({0, ifIndex, 0, 0}), attrs}));
+}
+Bytes check_msg(uint16_t type, uint32_t ifIndex, uint8_t items)
+{
+    return msg(type, cat({words({ifIndex}), {items}}));
 }
 /* From a buffer exactly as long as the datagram. */
 void deliver(Bytes d) { EXPECT_EQ(dhcpsnoop_notify_recv(d.data(), int32_t(d.size())), 0); }
@@ -97,21 +86,28 @@ protected:
 TEST_F(NotifyTest, MessagesOfOneDatagramAreHandledInOrder)
 {
     enablePort(3);
+    enablePort(4);
     user(1, DHCPSNOOP_USER_DYNAMIC, 3);
     model().ipsg[7] = {0, 1, 0x90};
-    /* the member joins while the aggregate still has its entry; the first
-     * message ends 3 bytes before the next one starts */
-    Bytes first = link_msg(16, 3, cat({attr(52, words({7})), attr(49, {1})}));
+    /* the member joins while the aggregate still has its entry; the second
+     * join and the leave find it gone; the first message ends 3 bytes before
+     * the next one starts */
+    Bytes first = link_msg(16, 3, cat({attr(52, words({7})), attr(38, {}), attr(38, {}),
+                                       attr(53, words({8})), attr(49, {1})}));
     const uint32_t unpadded = uint32_t(first.size() - 3);
     memcpy(first.data(), &unpadded, 4);
-    deliver(cat({first, link_msg(17, 3), msg(200, {})}));
+    deliver(cat({first, link_msg(17, 5), link_msg(17, 4), msg(200, {})}));
     EXPECT_EQ(hwPorts(DHCPSNOOP_HW_OP_ADD), std::multiset<uint32_t>{7});
-    EXPECT_EQ(dhcpsnoop_if_lookup(3), nullptr);
-    EXPECT_EQ(user_count(), 0u);
+    EXPECT_EQ(std::tuple(dhcpsnoop_if_lookup(3), dhcpsnoop_if_lookup(4), user_count()),
+              std::tuple(nullptr, nullptr, 0u));
+    EXPECT_TRUE(model().traps.empty());
     const std::string &t = model().debugText;
-    EXPECT_LT(t.find("IFLA_AGGADDPHY message: ifindex 7"),
-              t.find("IFLA_SYNCCFG message: ifindex 3"));
-    EXPECT_LT(t.find("IFLA_SYNCCFG"), t.find("RTM_DELLINK message: ifindex 3"));
+    EXPECT_LT(t.find("IFLA_AGGADDPHY message: ifindex 7"), t.find("IFLA_PHYJOINAGG message"));
+    EXPECT_LT(t.find("IFLA_PHYJOINAGG"), t.find("IFLA_AGGREMOVEPHY message: ifindex 8"));
+    EXPECT_LT(t.find("IFLA_AGGREMOVEPHY"), t.find("IFLA_SYNCCFG message: ifindex 3"));
+    EXPECT_LT(t.find("IFLA_SYNCCFG"), t.find("RTM_DELLINK message: ifindex 4"));
+    EXPECT_EQ(model().debugCount("RTM_DELLINK message: ifindex"), 1u); /* not port 5 */
+    EXPECT_EQ(model().debugCount("Process user on trunk interface 3, port 8"), 0u);
     EXPECT_EQ(model().debugCount("Unknown rtm type 200!"), 1u);
 }
 
@@ -119,26 +115,24 @@ TEST_F(NotifyTest, FramingAndAttributeBoundsEndTheWalk)
 {
     const Bytes del = link_msg(17, 9);
     struct Case {
-        const char *name;
         Bytes datagram;
         int32_t length; /* -2: the datagram's size */
         size_t handled;
     } cases[] = {
-        {"two messages", cat({del, del}), -2, 2},
-        {"length past the datagram", msg(17, Bytes(16, 0), 36), -2, 0},
-        {"second longer than what is left", cat({del, msg(17, Bytes(16, 0), 40)}), -2, 1},
-        {"length below a header", cat({msg(17, Bytes(16, 0), 12), del}), -2, 0},
-        {"short datagram", Bytes(del.begin(), del.begin() + 15), -2, 0},
-        {"recvfrom failed", del, -1, 0},
-        {"trailing bytes", cat({del, Bytes(15, 0xff)}), -2, 1},
-        {"unaligned last message", cat({del, msg(17, Bytes(17, 0))}), -2, 2},
+        {msg(17, Bytes(16, 0), 36), -2, 0},                 /* past the datagram */
+        {cat({del, msg(17, Bytes(16, 0), 40)}), -2, 1},     /* past what is left */
+        {cat({msg(17, Bytes(16, 0), 12), del}), -2, 0},     /* below a header */
+        {Bytes(del.begin(), del.begin() + 15), -2, 0},
+        {del, -1, 0},                                       /* recvfrom failed */
+        {cat({del, Bytes(15, 0xff)}), -2, 1},
+        {cat({del, msg(17, Bytes(17, 0))}), -2, 2},         /* unaligned last message */
     };
     for (auto &c : cases) {
-        SCOPED_TRACE(c.name);
         size_t before = model().debugCount("Receive RTM_DELLINK message.");
         EXPECT_EQ(dhcpsnoop_notify_recv(c.datagram.data(),
                                         c.length == -2 ? int32_t(c.datagram.size()) : c.length), 0);
-        EXPECT_EQ(model().debugCount("Receive RTM_DELLINK message.") - before, c.handled);
+        EXPECT_EQ(model().debugCount("Receive RTM_DELLINK message.") - before, c.handled)
+            << &c - cases;
     }
 
     enablePort(3);
@@ -176,64 +170,38 @@ TEST_F(NotifyTest, AggregateMembersFollowTheTrunkUnlessSeveralAnswers)
     const SimAggQuery &q = model().aggQueries[0];
     EXPECT_EQ(std::tuple(q.ifIndex, q.attr, q.answerPreset, q.countPreset),
               std::tuple(3u, DHCPSNOOP_AGG_QUERY_ATTR, 2u, uint8_t(1)));
-
-    struct {
-        uint8_t count;
-        bool fails, runs;
-    } answers[] = {{2, false, false}, {0, false, true}, {5, true, true}};
-    for (auto &a : answers) {
-        model().aggCounts[3] = a.count;
-        if (a.fails)
+    /* answers: several members, none, a refused query */
+    for (auto [count, fails, runs] : {std::tuple{2, false, 0u}, {0, false, 1u}, {5, true, 1u}}) {
+        model().aggCounts[3] = uint8_t(count);
+        if (fails)
             model().failOn("qorIfGetApi", DHCPSNOOP_IF_ATTR_AGG, -1);
         const char *line = "Process user on trunk interface 3, port 8, operate 0";
         size_t before = model().debugCount(line);
         deliver(link_msg(16, 3, attr(53, words({8}))));
-        EXPECT_EQ(model().debugCount(line) - before, a.runs ? 1u : 0u) << int(a.count);
+        EXPECT_EQ(model().debugCount(line) - before, runs) << count;
     }
 }
-
-TEST_F(NotifyTest, PortJoiningAnAggregateOrDeletedLosesSnooping)
-{
-    enablePort(3);
-    enablePort(4);
-    /* the second join and the leave find the entry gone */
-    deliver(link_msg(16, 3, cat({attr(38, {}), attr(38, {}), attr(53, words({8}))})));
-    EXPECT_EQ(dhcpsnoop_if_lookup(3), nullptr);
-    EXPECT_EQ(model().debugCount("Process user on trunk"), 0u);
-    EXPECT_EQ(model().trapCalls.size(), 3u) << "two traps added, one deleted";
-    deliver(link_msg(17, 5)); /* no snooping there */
-    EXPECT_EQ(model().trapCalls.size(), 3u);
-    EXPECT_EQ(model().debugCount("RTM_DELLINK message: ifindex"), 0u);
-    deliver(link_msg(17, 4));
-    EXPECT_EQ(dhcpsnoop_if_lookup(4), nullptr);
-    EXPECT_TRUE(model().traps.empty());
-}
-
 TEST_F(NotifyTest, CheckItemChangesFollowPortOverVlan)
 {
+    /* after the event: source (0 = not installed) and items of the bindings
+     * installed from the port and from the VLAN; sources of a binding not
+     * installed on the port and of one on another port */
     struct Case {
-        const char *name;
         uint32_t ifIndex; /* 3: the port, 100: the VLAN interface of VLAN 10 */
         uint8_t items;
         bool failHw;
-        /* after the event: source (0 = not installed) and items of the
-         * bindings installed from the port and from the VLAN; sources of a
-         * binding not installed on the port and of one on another port */
         uint8_t portSrc, portItems, vlanSrc, vlanItems, freshSrc, otherSrc;
     } cases[] = {
-        {"port, withdraw only", 3, 0x00, false, 0, 0, 1, 0xA0, 0, 0},
-        {"port, new items", 3, 0xC0, false, 2, 0xC0, 2, 0xC0, 2, 0},
-        {"port, hardware refuses", 3, 0xC0, true, 2, 0x90, 1, 0xA0, 0, 0},
-        {"vlan, withdraw only", 100, 0x00, false, 2, 0x90, 0, 0, 0, 0},
-        {"vlan, new items", 100, 0x60, false, 2, 0x90, 1, 0x60, 1, 1},
+        {3, 0x00, false, 0, 0, 1, 0xA0, 0, 0},      {3, 0xC0, false, 2, 0xC0, 2, 0xC0, 2, 0},
+        {3, 0xC0, true, 2, 0x90, 1, 0xA0, 0, 0},    {100, 0x00, false, 2, 0x90, 0, 0, 0, 0},
+        {100, 0x60, false, 2, 0x90, 1, 0x60, 1, 1},
     };
     for (uint16_t type : {198, 199}) {
-        const bool dai = type == 199;
-        const uint8_t bit = dai ? DHCPSNOOP_HW_DAI : DHCPSNOOP_HW_IPSG;
-        auto src = dai ? &DhcpsnoopUser::daiSource : &DhcpsnoopUser::ipsgSource;
-        auto its = dai ? &DhcpsnoopUser::daiCheckItems : &DhcpsnoopUser::ipsgCheckItems;
+        const uint8_t bit = type == 199 ? DHCPSNOOP_HW_DAI : DHCPSNOOP_HW_IPSG;
+        auto src = type == 199 ? &DhcpsnoopUser::daiSource : &DhcpsnoopUser::ipsgSource;
+        auto its = type == 199 ? &DhcpsnoopUser::daiCheckItems : &DhcpsnoopUser::ipsgCheckItems;
         for (const Case &c : cases) {
-            SCOPED_TRACE(std::string(c.name) + (dai ? ", dai" : ", ipsg"));
+            SCOPED_TRACE(std::to_string(type) + " case " + std::to_string(&c - cases));
             clear_users();
             model().failRules.clear();
             auto installed = [&](DhcpsnoopUser *u, uint8_t s, uint8_t i) {
@@ -242,8 +210,7 @@ TEST_F(NotifyTest, CheckItemChangesFollowPortOverVlan)
             };
             DhcpsnoopUser *byPort = installed(user(1, 1, 3), 2, 0x90);
             DhcpsnoopUser *byVlan = installed(user(2, 1, 3), 1, 0xA0);
-            DhcpsnoopUser *fresh = user(3, 1, 3);
-            DhcpsnoopUser *other = user(4, 1, 4);
+            DhcpsnoopUser *fresh = user(3, 1, 3), *other = user(4, 1, 4);
             DhcpsnoopUser *statik = installed(user(5, 2, 3), 2, 0x90);
             DhcpsnoopUser *requested = user(6, 1, 3);
             requested->bindState = DHCPSNOOP_BIND_REQUESTED;
@@ -288,8 +255,8 @@ TEST_F(NotifyTest, ArpInspectionStartAndStop)
      * address, the static one's the MAC; both ARP inspection's once started */
     ASSERT_EQ(model().hwUserCalls.size(), 2u);
     const auto &r0 = model().hwUserCalls[0].record, &r1 = model().hwUserCalls[1].record;
-    EXPECT_EQ(std::tuple(r0[37], r0[38], r0[39]), std::tuple(0x40, 0, 0x20));
-    EXPECT_EQ(std::tuple(r1[37], r1[38], r1[39]), std::tuple(0x40, 0x30, 0));
+    EXPECT_EQ(std::tuple(r0[37], r0[38], r0[39], r1[37], r1[38], r1[39]),
+              std::tuple(0x40, 0, 0x20, 0x40, 0x30, 0));
 
     model().hwUserCalls.clear();
     model().failOn("qorIfSetApi", DHCPSNOOP_HW_USER_CMD, -7, 1);
@@ -312,8 +279,7 @@ TEST_F(NotifyTest, CardAndSlotEventsChooseBetweenCopyAndRules)
     model().addPort(6, "p6").location = {1, 3, 6, 0, 0, 0, 5};
     model().hwScalars[53] = 0; /* a master programs hardware */
     struct Case {
-        const char *name;
-        uint16_t type;
+        uint16_t type; /* 87/88 card up/down, 90/91 slot up/down */
         uint32_t system;
         int state, scalar54, scalar45;
         bool absent;
@@ -321,20 +287,19 @@ TEST_F(NotifyTest, CardAndSlotEventsChooseBetweenCopyAndRules)
         std::multiset<uint32_t> reinstalled;
         std::set<uint32_t> deleted;
     } cases[] = {
-        {"card ready", 87, 1, 1, 1, 1, false, (1 << 16) | (2 << 11) | (5 << 8) | 1, {}, {}},
-        {"card rules", 87, 1, 0, 1, 0, false, 0, {3}, {}},
-        {"card rules by 45", 87, 1, 0, 0, 1, false, 0, {3}, {}},
-        {"other system", 87, 2, 1, 1, 1, false, 0, {}, {}},
-        {"card absent", 87, 1, 1, 1, 1, true, 0, {}, {}},
-        {"card gone", 88, 1, 0, 0, 1, false, 0, {}, {3}},
-        {"card gone, state set", 88, 1, 1, 1, 1, false, 0, {}, {}},
-        {"card gone, not kept", 88, 1, 0, 0, 0, false, 0, {}, {}},
-        {"slot ready", 90, 1, 0, 1, 1, false, (1 << 16) | (2 << 11) | 1, {}, {}},
-        {"slot rules", 90, 1, 1, 1, 0, false, 0, {3, 4}, {}},
-        {"slot gone", 91, 1, 1, 0, 1, false, 0, {}, {3, 4}},
+        {87, 1, 1, 1, 1, false, (1 << 16) | (2 << 11) | (5 << 8) | 1, {}, {}},
+        {87, 1, 0, 1, 0, false, 0, {3}, {}},
+        {87, 2, 1, 1, 1, false, 0, {}, {}}, /* another system */
+        {87, 1, 1, 1, 1, true, 0, {}, {}},
+        {88, 1, 0, 0, 1, false, 0, {}, {3}},
+        {88, 1, 1, 1, 1, false, 0, {}, {}},
+        {88, 1, 0, 0, 0, false, 0, {}, {}},
+        {90, 1, 0, 1, 1, false, (1 << 16) | (2 << 11) | 1, {}, {}},
+        {90, 1, 1, 0, 1, false, 0, {3, 4}, {}},
+        {91, 1, 1, 0, 1, false, 0, {}, {3, 4}},
     };
     for (auto &c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(&c - cases);
         clear_users();
         for (uint32_t port : {3u, 4u, 6u}) {
             user(uint8_t(port), DHCPSNOOP_USER_DYNAMIC, port);
@@ -342,7 +307,6 @@ TEST_F(NotifyTest, CardAndSlotEventsChooseBetweenCopyAndRules)
             user(uint8_t(port + 20), DHCPSNOOP_USER_STATIC, port); /* not installed */
             model().dai[port] = {0, 1, 0x80};
         }
-        model().failRules.clear();
         model().hwUserCalls.clear();
         model().scalarSyncs.clear();
         model().chassisQueries.clear();
@@ -350,6 +314,7 @@ TEST_F(NotifyTest, CardAndSlotEventsChooseBetweenCopyAndRules)
         (card ? model().cardAnswers : model().slotAnswers)[card ? 49152042 : 32768042] = c.state;
         model().hwScalars[54] = c.scalar54;
         model().hwScalars[45] = c.scalar45;
+        model().failRules.clear();
         if (c.absent)
             model().failOn(card ? "qorHwCardGet" : "qorHwSlotGet", -1, -1);
         deliver(msg(c.type, words({c.system, 2, 5, 9})));
@@ -379,30 +344,14 @@ TEST_F(NotifyTest, CardAndSlotEventsChooseBetweenCopyAndRules)
     EXPECT_TRUE(model().scalarSyncs.empty());
 }
 
-TEST_F(NotifyTest, SubsystemUpTakesItsNumberFromTheDatagramStart)
-{
-    user(1, DHCPSNOOP_USER_DYNAMIC, 3);
-    set_role(DHCPSNOOP_ROLE_MASTER);
-    /* the first word of the datagram is the first message's length, 20 */
-    deliver(cat({msg(150, words({0})), msg(93, words({77}))}));
-    ASSERT_EQ(model().scalarSyncs.size(), 1u);
-    EXPECT_EQ(model().scalarSyncs[0].mode, ((20u << 16) | 2) | 0x80000000u);
-    EXPECT_EQ(model().debugCount("Receive subsystem:20 RTM_SUBSYSTEM_UP!"), 1u);
-    model().selfSysIndex = 16; /* itself */
-    deliver(msg(93, {}));
-    set_role(DHCPSNOOP_ROLE_NONE);
-    model().selfSysIndex = 1;
-    deliver(msg(93, {}));
-    EXPECT_EQ(model().scalarSyncs.size(), 1u);
-}
-
-TEST_F(NotifyTest, VlanUserEventsAreResentAndLoopDeliversDatagrams)
+TEST_F(NotifyTest, SubsystemUpAndVlanUserEventsThroughTheLoop)
 {
     user(1, DHCPSNOOP_USER_DYNAMIC, 3)->gateway = 0x0100000a;
     user(2, DHCPSNOOP_USER_DYNAMIC, 3);                     /* no gateway */
     user(3, DHCPSNOOP_USER_STATIC, 3)->gateway = 0x0100000a;
     user(4, DHCPSNOOP_USER_DYNAMIC, 3, 20)->gateway = 0x0100000a;
     enablePort(3);
+    /* only VLAN 10's dynamic binding with a gateway is resent */
     sys().netlink.push_back(msg(190, words({10})));
     dhcpsnoop_main_pass();
     deliver(msg(190, words({0x1000A}))); /* not VLAN 10 */
@@ -413,4 +362,18 @@ TEST_F(NotifyTest, VlanUserEventsAreResentAndLoopDeliversDatagrams)
     memcpy(&event, model().netlinkSends[0].record.data() + 12, 2);
     EXPECT_EQ(event, DHCPSNOOP_EVENT_USER_ADD);
     EXPECT_EQ(model().netlinkSends[0].record[24 + 12 + 3], 1);
+
+    /* a subsystem's number is the first word of the datagram, here the
+     * first message's length, 20; only a master sends, never to itself */
+    set_role(DHCPSNOOP_ROLE_MASTER);
+    deliver(cat({msg(150, words({0})), msg(93, words({77}))}));
+    ASSERT_EQ(model().scalarSyncs.size(), 1u);
+    EXPECT_EQ(model().scalarSyncs[0].mode, ((20u << 16) | 2) | 0x80000000u);
+    EXPECT_EQ(model().debugCount("Receive subsystem:20 RTM_SUBSYSTEM_UP!"), 1u);
+    model().selfSysIndex = 16;
+    deliver(msg(93, {}));
+    set_role(DHCPSNOOP_ROLE_NONE);
+    model().selfSysIndex = 1;
+    deliver(msg(93, {}));
+    EXPECT_EQ(model().scalarSyncs.size(), 1u);
 }

@@ -14,8 +14,6 @@ Bytes u32_bytes(uint32_t v)
     return b;
 }
 
-Bytes text_bytes(const std::string &s) { return Bytes(s.begin(), s.end()); }
-
 uint32_t word(const Bytes &b, size_t at)
 {
     uint32_t v = 0;

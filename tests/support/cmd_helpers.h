@@ -2,14 +2,13 @@
 #ifndef DHCPSNOOP_CMD_HELPERS_H
 #define DHCPSNOOP_CMD_HELPERS_H
 
+#include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
 
 Bytes u32_bytes(uint32_t v);
-Bytes text_bytes(const std::string &s);
 uint32_t word(const Bytes &b, size_t at); /* the 32-bit value there */
 /* The index items of a 20-byte user key: 1, 3 and 16 bytes. */
 std::vector<Bytes> key_items(const uint8_t *key);
@@ -31,9 +30,8 @@ Bytes cmd_body(const CmdReq &r);
  * items of one type in place of the request's. */
 Bytes answered(Bytes req, int32_t rc, size_t pos = 0, uint8_t type = 0,
                const std::vector<Bytes> &items = {});
-/* Where the data item of a request begins: global or 32-bit index, user key,
- * server pair. */
-constexpr size_t DATA_POS_INDEX = 26 + 7, DATA_POS_USER = 26 + 29, DATA_POS_SERVER = 26 + 14;
+/* Where the data item of a request begins: global or 32-bit index, user key. */
+constexpr size_t DATA_POS_INDEX = 26 + 7, DATA_POS_USER = 26 + 29;
 
 /* dhcpsnoop_cmd_process on the body in a request buffer: the reply body. */
 Bytes cmd_run(const Bytes &body);
