@@ -34,15 +34,16 @@ protected:
 
 } // namespace
 
-TEST_F(IfTest, ListOrderCapacityAndReuse)
+TEST_F(IfTest, OrderCapacityAndRefusedTraps)
 {
     for (uint32_t idx : {30u, 10u, 20u})
         enablePort(idx);
     DhcpsnoopIf *e = dhcpsnoop_if_lookup(20);
-    dhcpsnoop_if_disable(e);
-    EXPECT_EQ(enablePort(25), e); /* the freed entry is the next one taken */
-    EXPECT_EQ(list_order(gDhcpsnoop.ifList), (std::vector<uint32_t>{10, 25, 30}));
-    /* equal indexes keep their order of insertion */
+    dhcpsnoop_if_version_set(e, 3);
+    EXPECT_EQ(dhcpsnoop_if_disable(e), 0u);
+    /* the freed entry is the next one taken, zeroed; equal indexes keep their order */
+    EXPECT_EQ(enablePort(25), e);
+    EXPECT_EQ(dhcpsnoop_if_version(e), 1u);
     DhcpsnoopIf *a = dhcpsnoop_if_add(10);
     EXPECT_EQ(dhcpsnoop_if_lookup(10)->link.next, &a->link);
     /* exhausted: 12, nothing changed, no trap */
@@ -51,25 +52,15 @@ TEST_F(IfTest, ListOrderCapacityAndReuse)
     EXPECT_EQ(dhcpsnoop_if_enable(9), 12u);
     EXPECT_EQ(list_order(gDhcpsnoop.ifList), (std::vector<uint32_t>{10, 10, 25, 30}));
     EXPECT_EQ(model().trapCalls.size(), traps);
-}
 
-TEST_F(IfTest, RefusedTrapUndoesTheEntryAndDisableReturnsIt)
-{
-    model().addPort(13, "swp13");
-    model().failOn("qorIfSetApi", 305, 77, 1);
-    EXPECT_EQ(dhcpsnoop_if_enable(13), 77u);
-    EXPECT_EQ(dhcpsnoop_if_lookup(13), nullptr);
-    EXPECT_TRUE(model().traps.empty());
-    DhcpsnoopIf *e = enablePort(14);
-    dhcpsnoop_if_version_set(e, 3);
-    EXPECT_EQ(dhcpsnoop_if_disable(e), 0u);
-    EXPECT_TRUE(model().traps.empty());
-    /* the entry comes back zeroed; a trap that cannot be removed does not keep it */
-    DhcpsnoopIf *again = enablePort(15);
-    EXPECT_EQ(dhcpsnoop_if_version(again), 1u);
+    /* a refused trap undoes the entry; one that cannot be removed does not keep it */
     model().failOn("qorIfSetApi", 306, 5);
-    EXPECT_EQ(dhcpsnoop_if_disable(again), 0u);
-    EXPECT_EQ(list_order(gDhcpsnoop.ifFreeList).size(), 4u);
+    EXPECT_EQ(dhcpsnoop_if_disable(e), 0u);
+    model().failRules.clear();
+    model().failOn("qorIfSetApi", 305, 77, 1);
+    EXPECT_EQ(dhcpsnoop_if_enable(9), 77u);
+    EXPECT_EQ(dhcpsnoop_if_lookup(9), nullptr);
+    EXPECT_EQ(list_order(gDhcpsnoop.ifFreeList).size(), 1u);
 }
 
 TEST_F(IfTest, StateNotifyResults)
