@@ -4,6 +4,7 @@
 
 #include "binding_helpers.h"
 #include "daemon_fixture.h"
+#include "dhcpsnoop_nm.h"
 
 namespace {
 using Bytes = std::vector<uint8_t>;
@@ -26,12 +27,13 @@ Bytes user_record(const DhcpsnoopUser *u, uint32_t add)
     return out;
 }
 
-/* Hand a buffer over exactly as large as its bytes, so a read past it shows. */
+/* Hand a buffer over as the peer's does, through management, exactly as large
+ * as its bytes, so a read past it shows. */
 void receive(const Bytes &bytes)
 {
     Bytes copy(bytes);
     QorTextPair d{copy.empty() ? nullptr : copy.data(), uint32_t(copy.size())};
-    dhcpsnoop_sync_pkt_recv(&d);
+    EXPECT_EQ(dhcpSnoopSetApi(nullptr, DHCPSNOOP_G_SYNC_PKT, &d), 0);
 }
 } // namespace
 
