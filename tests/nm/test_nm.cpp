@@ -209,7 +209,8 @@ TEST_F(NmTest, StaticBindingLifecycle)
     EXPECT_EQ(dhcpSnoopUserSetApi(nullptr, 1, &v), DHCPSNOOP_E_NULL_KEY);
     EXPECT_EQ(dhcpSnoopUserGetApi(nullptr, 1, &v), DHCPSNOOP_E_NULL_KEY);
     run({{USET, 9, 1, NOENT}, {USET, 1, 5, NOENT}, {USET, 9, 4}, {UGET, 6, 0xFFFFFFFF},
-         {USET, 1, 0x10005}, {USET, 2, 3}, {USET, 4, 0x12345}, {UGET, 1, 5}, {UGET, 4, 0x2345}, {USET, 9, 1}});
+         {USET, 1, 0x10005}, {USET, 2, 3}, {USET, 4, 0x12345}, {UGET, 1, 5}, {UGET, 4, 0x2345},
+         {USET, 9, 1}});
     DhcpsnoopUser *u = dhcpsnoop_user_lookup(&k1);
     ASSERT_NE(u, nullptr);
     EXPECT_EQ(std::tuple(u->hwFlags, u->ipsgCheckItems),
@@ -254,7 +255,8 @@ TEST_F(NmTest, RefusedOrShortBindingChangesKeepTheBinding)
               std::tuple(DHCPSNOOP_HW_DAI, 0, DHCPSNOOP_CHECK_ALL));
     model().failOn("qorIfSetApi", 300, 9, 1);
     run({{USET, 9, 3, 9}});
-    EXPECT_EQ(std::tuple(u->bindState, u->hwFlags), std::tuple(DHCPSNOOP_BIND_BOUND, DHCPSNOOP_HW_DAI));
+    EXPECT_EQ(std::tuple(u->bindState, u->hwFlags),
+              std::tuple(DHCPSNOOP_BIND_BOUND, DHCPSNOOP_HW_DAI));
 }
 
 TEST_F(NmTest, UnbindingADynamicBindingReleasesItsCounts)
