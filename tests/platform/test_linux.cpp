@@ -414,14 +414,14 @@ TEST(LinuxBatch, QueuedFramesComeOneByOneInOrderAndSelectSeesTheRest)
     to.sll_ifindex = int(if_nametoindex("lo"));
     to.sll_halen = 6;
     std::vector<std::vector<uint8_t>> sent;
-    for (uint32_t xid = 1; xid <= 5; xid++) {
+    auto send = [&](uint32_t xid) {
         Dhcp4Frame f;
         f.xid = xid;
         sent.push_back(f.msgType(1).end().build());
         ASSERT_EQ(sys->sendto(fd, sent.back().data(), sent.back().size(), 0,
                               reinterpret_cast<struct sockaddr *>(&to), sizeof to),
                   ssize_t(sent.back().size()));
-    }
+    };
     auto readable = [&](long usec) {
         fd_set rd;
         FD_ZERO(&rd);
@@ -429,7 +429,11 @@ TEST(LinuxBatch, QueuedFramesComeOneByOneInOrderAndSelectSeesTheRest)
         struct timeval tv = {0, usec};
         return sys->select(fd + 1, &rd, nullptr, nullptr, &tv) == 1 && FD_ISSET(fd, &rd);
     };
-    for (size_t i = 0; i < sent.size(); i++) {
+    for (uint32_t xid = 1; xid <= 5; xid++)
+        send(xid);
+    for (size_t i = 0; i < 6; i++) {
+        if (i == 5) /* a shorter batch of sends after a longer one: only its own frame */
+            send(6);
         ASSERT_TRUE(readable(500000)) << i;
         uint8_t buf[2048];
         alignas(struct cmsghdr) uint8_t control[64];

@@ -82,10 +82,6 @@ bool ChildDaemon::start(const std::string &socketPath, const ChildDaemonOptions 
             m.addVlanIf(idx, vid, "vlan" + std::to_string(vid));
         m.hwScalars[53] = o.s53;
         m.hwScalars[54] = o.s54;
-        if (o.hwDrops)
-            m.onHwCounter = [d = o.hwDrops](uint32_t, uint32_t attr) {
-                return attr == DHCPSNOOP_IF_ATTR_IPSG_DROPS ? d : d + 1;
-            };
         static DhcpsnoopSysOps ops = dhcpsnoop_sys_libc;
         ops.socket = quiet_socket;
         ops.setsockopt = quiet_setsockopt;

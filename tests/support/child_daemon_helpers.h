@@ -15,7 +15,6 @@ struct ChildDaemonOptions {
     std::vector<std::pair<uint32_t, uint16_t>> vlanIfs; /* index, VLAN */
     int32_t s53 = 1, s54 = 1;                           /* redundancy scalars: None */
     bool enablePorts = false;
-    uint32_t hwDrops = 0; /* the hardware's source-guard drops of a port; ARP inspection's + 1 */
 };
 
 class ChildDaemon {

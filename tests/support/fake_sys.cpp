@@ -15,16 +15,12 @@ namespace {
 
 FakeSys g_fake;
 
-const char *kind_name(FakeKind k)
+/* A served call as "recvmsg:data4" (the socket's kind, else its number). */
+void note(const char *fn, int fd)
 {
-    static const char *names[] = {"data4", "data6", "cmd", "netlink", "udp", "conn", "other"};
-    return names[int(k)];
-}
-
-std::string call_name(const char *fn, int fd)
-{
+    static const char *const names[] = {"data4", "data6", "cmd", "netlink", "udp", "conn", "other"};
     FakeSock *s = g_fake.sock(fd);
-    return std::string(fn) + ":" + (s ? kind_name(s->kind) : std::to_string(fd));
+    g_fake.calls.push_back(std::string(fn) + ":" + (s ? names[int(s->kind)] : std::to_string(fd)));
 }
 
 /* The socket, or EBADF. */
@@ -36,20 +32,14 @@ FakeSock *need(int fd)
     return s;
 }
 
-long kind_arg(FakeSock *s) { return s ? long(s->kind) : -1; }
-
-FakeKind kind_of(int domain, int type, int protocol)
+FakeKind kind_of(int fd)
 {
-    if (domain == AF_PACKET)
-        return protocol == htons(ETH_P_IP)     ? FakeKind::Data4
-               : protocol == htons(ETH_P_IPV6) ? FakeKind::Data6
-                                               : FakeKind::Other;
-    if (domain == AF_UNIX)
-        return FakeKind::Cmd;
-    if (domain == AF_NETLINK)
-        return FakeKind::Netlink;
-    return domain == AF_INET && type == SOCK_DGRAM ? FakeKind::Udp : FakeKind::Other;
+    FakeSock *s = g_fake.sock(fd);
+    return s ? s->kind : FakeKind::Other;
 }
+
+/* The failure argument of calls that fail by the socket's kind. */
+long kind_arg(int fd) { return g_fake.sock(fd) ? long(kind_of(fd)) : -1; }
 
 int new_sock(FakeKind kind, int type, int protocol)
 {
@@ -66,9 +56,18 @@ int f_socket(int domain, int type, int protocol)
 {
     if (g_fake.fail("socket", domain))
         return -1;
-    int fd = new_sock(kind_of(domain, type, protocol), type, protocol);
-    g_fake.calls.push_back(call_name("socket", fd));
-    return fd;
+    FakeKind kind = FakeKind::Other;
+    if (domain == AF_PACKET && protocol == htons(ETH_P_IP))
+        kind = FakeKind::Data4;
+    else if (domain == AF_PACKET && protocol == htons(ETH_P_IPV6))
+        kind = FakeKind::Data6;
+    else if (domain == AF_UNIX)
+        kind = FakeKind::Cmd;
+    else if (domain == AF_NETLINK)
+        kind = FakeKind::Netlink;
+    else if (domain == AF_INET && type == SOCK_DGRAM)
+        kind = FakeKind::Udp;
+    return new_sock(kind, type, protocol);
 }
 
 int f_setsockopt(int fd, int level, int name, const void *value, socklen_t len)
@@ -89,8 +88,8 @@ int f_setsockopt(int fd, int level, int name, const void *value, socklen_t len)
 
 int f_bind(int fd, const struct sockaddr *addr, socklen_t len)
 {
-    FakeSock *s = g_fake.sock(fd);
-    if (g_fake.fail("bind", kind_arg(s)) || !need(fd))
+    FakeSock *s;
+    if (g_fake.fail("bind", kind_arg(fd)) || !(s = need(fd)))
         return -1;
     s->bound = true;
     s->bindLen = len;
@@ -111,7 +110,7 @@ int f_listen(int fd, int backlog)
 
 int f_accept(int fd, struct sockaddr *, socklen_t *)
 {
-    g_fake.calls.push_back(call_name("accept", fd));
+    note("accept", fd);
     if (g_fake.fail("accept", -1))
         return -1;
     if (g_fake.pendingConns.empty()) {
@@ -174,7 +173,6 @@ bool readable(const FakeSock &s)
 
 int f_select(int nfds, fd_set *rd, fd_set *, fd_set *, struct timeval *tv)
 {
-    g_fake.calls.push_back("select");
     g_fake.lastNfds = nfds;
     FD_ZERO(&g_fake.lastReadSet);
     if (rd)
@@ -229,14 +227,13 @@ void deliver_control(struct msghdr *msg, const FakeFrame &f)
 
 ssize_t f_recvmsg(int fd, struct msghdr *msg, int)
 {
-    g_fake.calls.push_back(call_name("recvmsg", fd));
-    FakeSock *s = g_fake.sock(fd);
-    if (g_fake.fail("recvmsg", kind_arg(s)))
+    note("recvmsg", fd);
+    if (g_fake.fail("recvmsg", kind_arg(fd)))
         return -1;
-    auto *q = !s                           ? nullptr
-              : s->kind == FakeKind::Data4 ? &g_fake.frames4
-              : s->kind == FakeKind::Data6 ? &g_fake.frames6
-                                           : nullptr;
+    const FakeKind kind = kind_of(fd);
+    auto *q = kind == FakeKind::Data4   ? &g_fake.frames4
+              : kind == FakeKind::Data6 ? &g_fake.frames6
+                                        : nullptr;
     if (!q || q->empty()) {
         errno = EAGAIN;
         return -1;
@@ -258,27 +255,31 @@ ssize_t f_recvmsg(int fd, struct msghdr *msg, int)
     return f.result == -2 ? ssize_t(n) : f.result;
 }
 
+/* Up to `len` bytes of `from` into `buf`. */
+size_t hand_over(void *buf, size_t len, const uint8_t *from, size_t have)
+{
+    size_t n = std::min(len, have);
+    if (n)
+        memcpy(buf, from, n);
+    return n;
+}
+
 ssize_t f_recvfrom(int fd, void *buf, size_t len, int, struct sockaddr *, socklen_t *)
 {
-    g_fake.calls.push_back(call_name("recvfrom", fd));
+    note("recvfrom", fd);
     if (g_fake.fail("recvfrom", -1))
         return -1;
-    FakeSock *s = g_fake.sock(fd);
-    if (!s || s->kind != FakeKind::Netlink || g_fake.netlink.empty()) {
+    if (kind_of(fd) != FakeKind::Netlink || g_fake.netlink.empty()) {
         errno = EAGAIN;
         return -1;
     }
     std::vector<uint8_t> d = g_fake.netlink.front();
     g_fake.netlink.pop_front();
-    size_t n = std::min(len, d.size());
-    if (n)
-        memcpy(buf, d.data(), n);
-    return ssize_t(n);
+    return ssize_t(hand_over(buf, len, d.data(), d.size()));
 }
 
 ssize_t f_recv(int fd, void *buf, size_t len, int)
 {
-    g_fake.calls.push_back(call_name("recv", fd));
     if (g_fake.fail("recv", -1))
         return -1;
     auto it = g_fake.conns.find(fd);
@@ -287,11 +288,8 @@ ssize_t f_recv(int fd, void *buf, size_t len, int)
         return -1;
     }
     FakeConn &c = it->second;
-    size_t n = std::min(len, c.input.size() - c.readPos);
-    if (c.chunk)
-        n = std::min(n, c.chunk);
-    if (n)
-        memcpy(buf, c.input.data() + c.readPos, n);
+    size_t n = hand_over(buf, c.chunk ? std::min(len, c.chunk) : len, c.input.data() + c.readPos,
+                         c.input.size() - c.readPos);
     c.readPos += n;
     return ssize_t(n);
 }
@@ -305,20 +303,15 @@ std::vector<uint8_t> bytes_of(const void *p, size_t n)
 ssize_t f_sendto(int fd, const void *buf, size_t len, int, const struct sockaddr *addr,
                  socklen_t alen)
 {
-    g_fake.calls.push_back(call_name("sendto", fd));
-    FakeSock *s = g_fake.sock(fd);
-    if (g_fake.fail("sendto", kind_arg(s)))
+    if (g_fake.fail("sendto", kind_arg(fd)))
         return -1;
-    g_fake.sent.push_back(
-        {fd, s ? s->kind : FakeKind::Other, bytes_of(buf, len), bytes_of(addr, alen), {}});
+    g_fake.sent.push_back({fd, kind_of(fd), bytes_of(buf, len), bytes_of(addr, alen), {}});
     return ssize_t(len);
 }
 
 ssize_t f_sendmsg(int fd, const struct msghdr *msg, int)
 {
-    g_fake.calls.push_back(call_name("sendmsg", fd));
-    FakeSock *s = g_fake.sock(fd);
-    if (g_fake.fail("sendmsg", kind_arg(s)))
+    if (g_fake.fail("sendmsg", kind_arg(fd)))
         return -1;
     std::vector<uint8_t> bytes;
     for (size_t i = 0; i < msg->msg_iovlen; i++) {
@@ -329,8 +322,7 @@ ssize_t f_sendmsg(int fd, const struct msghdr *msg, int)
     if (c != g_fake.conns.end())
         c->second.output.insert(c->second.output.end(), bytes.begin(), bytes.end());
     else
-        g_fake.sent.push_back({fd, s ? s->kind : FakeKind::Other, bytes,
-                               bytes_of(msg->msg_name, msg->msg_namelen),
+        g_fake.sent.push_back({fd, kind_of(fd), bytes, bytes_of(msg->msg_name, msg->msg_namelen),
                                bytes_of(msg->msg_control, msg->msg_controllen)});
     return ssize_t(bytes.size());
 }
@@ -359,9 +351,8 @@ void f_free(void *p)
 }
 
 const DhcpsnoopSysOps fake_ops = {
-    f_socket, f_setsockopt, f_bind,    f_listen,   f_accept, f_unlink, f_close,
-    f_ioctl,  f_select,     f_recvmsg, f_recvfrom, f_recv,   f_sendto, f_sendmsg,
-    f_time,   f_difftime,   f_calloc,  f_free,
+    f_socket,  f_setsockopt, f_bind, f_listen, f_accept,  f_unlink, f_close,    f_ioctl,  f_select,
+    f_recvmsg, f_recvfrom,   f_recv, f_sendto, f_sendmsg, f_time,   f_difftime, f_calloc, f_free,
 };
 
 } // namespace

@@ -79,7 +79,7 @@ public:
     bool selectAdvancesClock = true; /* a select with nothing ready waits out its time-out */
     time_t now = 1000000;
 
-    std::vector<std::string> calls; /* "recvmsg:data4", "accept:cmd", ... in order */
+    std::vector<std::string> calls; /* the receives and accepts: "recvmsg:data4", "accept:cmd" */
     std::vector<int> closedFds;
     std::vector<std::string> unlinked;
     std::vector<FakeSent> sent;
