@@ -61,8 +61,8 @@ TEST_F(Dhcp6ParseTest, RecordsTheOptionsItActsOnAndRefusesOddFrames)
         const char *what;
         std::function<void(Dhcp6Frame &)> edit;
         int rc;
-        const char *message;
-        std::function<void(Bytes &)> spoil; /* of the built frame */
+        const char *message = nullptr;
+        std::function<void(Bytes &)> spoil = {}; /* of the built frame */
     } cases[] = {
         {"hop-by-hop before UDP", [](Dhcp6Frame &f) { f.nextHeader = 0, f.ext = {17, 0, 0, 0, 0, 0, 0, 0}; }, -1},
         {"fragment", [](Dhcp6Frame &f) { f.nextHeader = 44, f.ext = {17, 0, 0, 0, 0, 0, 0, 0}; }, -1},
@@ -88,10 +88,12 @@ TEST_F(Dhcp6ParseTest, RecordsTheOptionsItActsOnAndRefusesOddFrames)
             c.spoil(bytes);
         parse6(p, bytes);
         EXPECT_EQ(p.rc, c.rc);
-        if (c.message)
+        if (c.message) {
             EXPECT_EQ(model().debugCount(c.message), 1u);
-        if (c.rc == 0)
+        }
+        if (c.rc == 0) {
             EXPECT_EQ(p.info.frameLen, bytes.size() - f.pad);
+        }
     }
     /* without the full parse, only the port test */
     f = solicit();
