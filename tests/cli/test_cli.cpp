@@ -157,7 +157,12 @@ TEST_F(CliScripted, UnusableAnswers)
         {rc(0x3E8001A), EXIT_RESULT, "null key (0x3E8001A)"},
         {rc(12), EXIT_RESULT, "no free entry left in the daemon's table (12)"},
         {rc(0x10000), EXIT_RESULT, "unexpected result (0x10000)"},
-        {[](Bytes req) { return req[4] = F_GLOBAL_GET, req; }, EXIT_COMM,
+        {[](Bytes req) {
+             Bytes func = u32_bytes(F_GLOBAL_GET); /* host order, as the codec writes it */
+             std::copy(func.begin(), func.end(), req.begin() + 4);
+             return req;
+         },
+         EXIT_COMM,
          "bad reply (the reply is for func 2, not 7)"},
         {[](Bytes req) { return req[0] = 0, req; }, EXIT_COMM,
          "bad reply (the reply's header words are malformed)"},

@@ -16,6 +16,12 @@ Bytes words(std::initializer_list<uint32_t> ws)
     memcpy(b.data(), ws.begin(), b.size());
     return b;
 }
+/* Netlink fields are in host order. */
+void put(Bytes &b, uint16_t v)
+{
+    b.resize(b.size() + 2);
+    memcpy(b.data() + b.size() - 2, &v, 2);
+}
 /* Parts laid end to end, each starting on a multiple of 4. */
 Bytes cat(std::initializer_list<Bytes> parts)
 {
@@ -29,13 +35,18 @@ Bytes cat(std::initializer_list<Bytes> parts)
 /* One message; `len` overrides its length field. */
 Bytes msg(uint16_t type, const Bytes &payload, uint32_t len = 0)
 {
-    Bytes b = words({len ? len : uint32_t(16 + payload.size()), type, 0, 0});
+    Bytes b = words({len ? len : uint32_t(16 + payload.size())});
+    put(b, type);
+    b.resize(16);
     return cat({b, payload});
 }
 /* A link attribute; `len` overrides its length field. */
 Bytes attr(uint16_t type, const Bytes &value, uint16_t len = 0)
 {
-    return cat({words({uint32_t(len ? len : 4 + value.size()) | uint32_t(type) << 16}), value, {}});
+    Bytes b;
+    put(b, uint16_t(len ? len : 4 + value.size()));
+    put(b, type);
+    return cat({b, value, {}});
 }
 Bytes link_msg(uint16_t type, uint32_t ifIndex, const Bytes &attrs = {})
 {

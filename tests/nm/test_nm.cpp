@@ -3,6 +3,7 @@
 #include <string>
 
 #include "binding_helpers.h"
+#include "cmd_helpers.h"
 #include "daemon_fixture.h"
 #include "dhcpsnoop_nm.h"
 
@@ -54,8 +55,9 @@ protected:
                 model().failOn(sync[r.api / 2], code[r.api / 2] + r.cmd, r.fail, 1);
             uint32_t v = r.api % 2 ? 0xDEAD : r.value;
             EXPECT_EQ(kCalls[r.api](ifIndex, r.cmd, &v), r.rc) << "request " << i;
-            if (r.api % 2 && r.rc == 0)
+            if (r.api % 2 && r.rc == 0) {
                 EXPECT_EQ(v, r.value) << "request " << i;
+            }
             i++;
         }
     }
@@ -290,7 +292,7 @@ TEST_F(NmTest, PagesAndServerSlotsStayInTheirRoom)
     memset(buf.data(), 0, 8);
     bool more = false;
     ASSERT_EQ(dhcpSnoopUserGetPage(nullptr, &page, &more), 0);
-    EXPECT_EQ(std::tuple(buf[0], buf[4], more), std::tuple(1, 1, true));
+    EXPECT_EQ(std::tuple(word(buf, 0), word(buf, 4), more), std::tuple(1u, 1u, true));
     EXPECT_EQ(std::vector<uint8_t>(buf.begin() + 96, buf.end()), std::vector<uint8_t>(24, 0xAA));
 
     /* three slots; a deletion empties any of them and the listing skips it */

@@ -172,8 +172,9 @@ TEST_F(UserTest, BindingAndDeletionReachThePlatformAndTheStandby)
     const uint32_t head[3] = {0, 51, 72};
     const DhcpsnoopUserEvent body{{0x00, 0x11, 0x22, 0x33, 0x44, 0x55}, 10, 3, {192, 168, 1, 20},
                                   {192, 168, 1, 1}, 0, 1, 0};
+    auto set_event = [&event](uint16_t e) { memcpy(&event[12], &e, 2); }; /* host order */
     memcpy(event.data(), head, 12);
-    event[12] = 188;
+    set_event(188);
     memcpy(&event[24], &body, 48);
     ASSERT_EQ(model().netlinkSends.size(), 1u);
     EXPECT_EQ(model().netlinkSends[0].record, event);
@@ -182,7 +183,7 @@ TEST_F(UserTest, BindingAndDeletionReachThePlatformAndTheStandby)
     EXPECT_EQ(port3->curUser + vlan10->curUser, 2); /* a static entry was never counted */
     dhcpsnoop_user_delete(u);
     EXPECT_EQ(port3->curUser + vlan10->curUser, 0);
-    event[12] = 189;
+    set_event(189);
     EXPECT_EQ(model().netlinkSends.back().record, event);
     ASSERT_EQ(model().deftinstallCalls.size(), 3u);
     want = {0, {}, 0, {}, 0, 0};
