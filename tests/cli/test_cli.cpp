@@ -53,22 +53,48 @@ Result run_cli(const std::string &line)
 
 using Daemon = std::function<Bytes(const Bytes &)>;
 
-/* The front end with its socket replaced by a scripted daemon, which by
- * default answers success with the request's own (zero) data. */
-class CliScripted : public ::testing::Test {
+/* The front end against the daemon's command processing in-process, on the
+ * simulated platform with ports 3 and 4 and the VLAN interface of VLAN 10,
+ * unless a test scripts the daemon's answers. */
+class Cli : public DaemonTest {
 protected:
     std::vector<Bytes> requests;
-    Daemon daemon = [](const Bytes &req) { return answered(req, 0); };
+    Daemon daemon = cmd_run;
     void SetUp() override
     {
+        DaemonTest::SetUp();
+        start();
+        model().addPort(3, "swp3");
+        model().addPort(4, "swp4");
+        model().addVlanIf(100, 10, "vlan10");
+        model().onHwCounter = [](uint32_t, uint32_t attr) {
+            return attr == DHCPSNOOP_IF_ATTR_IPSG_DROPS ? 7u : 8u;
+        };
+        sys().now = 100000;
         set_transport([this](const char *, int, const uint8_t *req, uint32_t len, Bytes &reply,
                              std::string &) {
             requests.emplace_back(req, req + len);
             reply = daemon(requests.back());
-            return Xfer::ok;
+            return reply.empty() ? Xfer::rejected : Xfer::ok;
         });
     }
-    void TearDown() override { set_transport(nullptr); }
+    void TearDown() override
+    {
+        set_transport(nullptr);
+        DaemonTest::TearDown();
+    }
+    std::string ok(const std::string &line)
+    {
+        Result r = run_cli("-n " + line);
+        EXPECT_EQ(r.status, 0) << r.err;
+        return r.out;
+    }
+    void refused(const std::string &line, const std::string &text)
+    {
+        Result r = run_cli(line);
+        EXPECT_EQ(r.status, EXIT_RESULT);
+        EXPECT_EQ(r.err, "dhcpsnoopctl: " + text + "\n");
+    }
 };
 
 const Bytes Z4 = u32_bytes(0), I7 = u32_bytes(7);
@@ -92,8 +118,9 @@ Bytes raw(uint32_t func, uint32_t cmd, std::vector<Bytes> index, Bytes data)
 }
 
 /* The requests whose effect the in-process daemon below does not show. */
-TEST_F(CliScripted, RequestsAreEncodedWhole)
+TEST_F(Cli, RequestsAreEncodedWhole)
 {
+    daemon = [](const Bytes &req) { return answered(req, 0); };
     const std::vector<std::pair<const char *, std::vector<Bytes>>> cases = {
         {"global clear-statistics", {num(0, 17, 1)}},
         {"--sync global debug info", {num(1, 20, 1)}},
@@ -114,7 +141,7 @@ TEST_F(CliScripted, RequestsAreEncodedWhole)
 }
 
 /* The half-made entry is deleted again. */
-TEST_F(CliScripted, BindingAddFailingHalfWayRemovesTheNewEntry)
+TEST_F(Cli, BindingAddFailingHalfWayRemovesTheNewEntry)
 {
     daemon = [](const Bytes &req) { return answered(req, word(req, 20) == 1 ? 0x3E80004 : 0); };
     Result r = run_cli("binding add 192.0.2.7 mac 02:00:00:00:00:07 vlan 10 interface 3 unbound");
@@ -126,7 +153,7 @@ TEST_F(CliScripted, BindingAddFailingHalfWayRemovesTheNewEntry)
                                             num(10, 1, 10, K4), num(10, 9, 6, K4)}));
 }
 
-TEST_F(CliScripted, ListingThatDoesNotAdvanceStops)
+TEST_F(Cli, ListingThatDoesNotAdvanceStops)
 {
     /* the same VLAN for ever */
     daemon = [](const Bytes &req) { return answered(req, 0, DATA_POS_INDEX, 2, {u32_bytes(20)}); };
@@ -138,7 +165,7 @@ TEST_F(CliScripted, ListingThatDoesNotAdvanceStops)
 
 /* A result code the front end has no words for exits 1; replies that do not
  * fit the request exit 3. */
-TEST_F(CliScripted, UnusableAnswers)
+TEST_F(Cli, UnusableAnswers)
 {
     auto rc = [](int32_t code) { return [code](const Bytes &req) { return answered(req, code); }; };
     const std::vector<std::tuple<Daemon, int, std::string>> cases = {
@@ -164,7 +191,7 @@ TEST_F(CliScripted, UnusableAnswers)
     }
 }
 
-TEST_F(CliScripted, UsageErrorsExitTwoWithoutTalkingToTheDaemon)
+TEST_F(Cli, UsageErrorsExitTwoWithoutTalkingToTheDaemon)
 {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "no command given\nTry 'dhcpsnoopctl --help'."},
@@ -206,7 +233,7 @@ TEST_F(CliScripted, UsageErrorsExitTwoWithoutTalkingToTheDaemon)
     EXPECT_TRUE(requests.empty());
 }
 
-TEST_F(CliScripted, HelpOnEveryLevel)
+TEST_F(Cli, HelpOnEveryLevel)
 {
     const std::string top = "Usage: dhcpsnoopctl [OPTIONS] COMMAND";
     EXPECT_EQ(run_cli("--help").out.find(top), 0u);
@@ -217,47 +244,7 @@ TEST_F(CliScripted, HelpOnEveryLevel)
     EXPECT_TRUE(requests.empty());
 }
 
-/* The front end against the daemon's command processing in-process, on the
- * simulated platform with ports 3 and 4 and the VLAN interface of VLAN 10. */
-class CliOutput : public DaemonTest {
-protected:
-    void SetUp() override
-    {
-        DaemonTest::SetUp();
-        start();
-        model().addPort(3, "swp3");
-        model().addPort(4, "swp4");
-        model().addVlanIf(100, 10, "vlan10");
-        model().onHwCounter = [](uint32_t, uint32_t attr) {
-            return attr == DHCPSNOOP_IF_ATTR_IPSG_DROPS ? 7u : 8u;
-        };
-        sys().now = 100000;
-        set_transport(
-            [](const char *, int, const uint8_t *req, uint32_t len, Bytes &reply, std::string &) {
-                reply = cmd_run(Bytes(req, req + len));
-                return reply.empty() ? Xfer::rejected : Xfer::ok;
-            });
-    }
-    void TearDown() override
-    {
-        set_transport(nullptr);
-        DaemonTest::TearDown();
-    }
-    std::string ok(const std::string &line)
-    {
-        Result r = run_cli("-n " + line);
-        EXPECT_EQ(r.status, 0) << r.err;
-        return r.out;
-    }
-    void refused(const std::string &line, const std::string &text)
-    {
-        Result r = run_cli(line);
-        EXPECT_EQ(r.status, EXIT_RESULT);
-        EXPECT_EQ(r.err, "dhcpsnoopctl: " + text + "\n");
-    }
-};
-
-TEST_F(CliOutput, SettingsAndTheirListings)
+TEST_F(Cli, SettingsAndTheirListings)
 {
     EXPECT_EQ(ok("interface show"), "No interface has snooping enabled.\n");
     EXPECT_EQ(ok("vlan show"), "No VLAN has snooping enabled.\n");
@@ -387,7 +374,7 @@ TEST_F(CliOutput, SettingsAndTheirListings)
     EXPECT_EQ(r.out, "{\"configured\":false}\n");
 }
 
-TEST_F(CliOutput, BindingsAreListedWhole)
+TEST_F(Cli, BindingsAreListedWhole)
 {
     enablePort(3);
     DhcpsnoopUser *u =
