@@ -110,11 +110,11 @@ std::vector<Bytes> key_of(const char *ip)
 /* A request carrying a 32-bit value or bytes; the index is 0 for global ones. */
 Bytes num(uint32_t func, uint32_t cmd, uint32_t v, std::vector<Bytes> index = {Z4})
 {
-    return cmd_body({func, cmd, index, DT_U32, u32_bytes(v), func <= 2 ? 0 : -1});
+    return cmd_body({func, cmd, index, DT_U32, u32_bytes(v)});
 }
 Bytes raw(uint32_t func, uint32_t cmd, std::vector<Bytes> index, Bytes data)
 {
-    return cmd_body({func, cmd, index, DT_BYTES, data, func <= 2 ? 0 : -1});
+    return cmd_body({func, cmd, index, DT_BYTES, data});
 }
 
 /* The requests whose effect the in-process daemon below does not show. */
