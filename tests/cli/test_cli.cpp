@@ -144,7 +144,7 @@ TEST_F(Cli, RequestsAreEncodedWhole)
 TEST_F(Cli, BindingAddFailingHalfWayRemovesTheNewEntry)
 {
     daemon = [](const Bytes &req) { return answered(req, word(req, 20) == 1 ? 0x3E80004 : 0); };
-    Result r = run_cli("binding add 192.0.2.7 mac 02:00:00:00:00:07 vlan 10 interface 3 unbound");
+    Result r = run_cli("binding add 192.0.2.7 mac 02:00:00:00:00:07 vlan 10 interface 3");
     EXPECT_EQ(r.status, EXIT_RESULT);
     EXPECT_EQ(r.err, "dhcpsnoopctl: binding add 192.0.2.7 vlan: the hardware layer refused the "
                      "change (0x3E80004)\n");

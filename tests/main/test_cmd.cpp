@@ -68,7 +68,6 @@ TEST_F(CmdTest, EveryDecodingFailureIsAnsweredWithNothing)
         EXPECT_TRUE(cmd_run(c.body).empty()) << c.message;
         EXPECT_NE(model().debugText.find(c.message), std::string::npos) << c.message;
     }
-    EXPECT_TRUE(model().ifSyncs.empty());
     /* no buffer is answered as an empty request (22 bytes); func 23 comes back unchanged */
     EXPECT_EQ(dhcpsnoop_cmd_process(nullptr, 40), 22u);
     Bytes f23 = cmd_body({23, 1, {}, 2, u32_bytes(9), -1, 0x5A5A5A5A});
