@@ -11,6 +11,7 @@
 
 #include <cstring>
 #include <functional>
+#include <sstream>
 #include <thread>
 
 #include "binding_helpers.h"
@@ -31,10 +32,9 @@ struct Result {
 Result run_cli(const std::string &line)
 {
     std::vector<std::string> args = {"dhcpsnoopctl"};
-    for (size_t at = 0, end; at < line.size(); at = end + 1) {
-        end = std::min(line.find(' ', at), line.size());
-        args.push_back(line.substr(at, end - at));
-    }
+    std::istringstream words(line);
+    for (std::string w; words >> w;)
+        args.push_back(w);
     std::vector<char *> argv;
     for (auto &w : args)
         argv.push_back(w.data());
@@ -53,28 +53,48 @@ Result run_cli(const std::string &line)
 
 using Daemon = std::function<Bytes(const Bytes &)>;
 
-/* The front end with its socket replaced by a scripted daemon, which by
- * default answers success with the request's own (zero) data and ends every
- * listing at once. */
-class CliScripted : public ::testing::Test {
+/* The front end against the daemon's command processing in-process, on the
+ * simulated platform with ports 3 and 4 and the VLAN interface of VLAN 10,
+ * unless a test scripts the daemon's answers. */
+class Cli : public DaemonTest {
 protected:
     std::vector<Bytes> requests;
-    Daemon daemon = [](const Bytes &req) {
-        const uint32_t f = word(req, 4);
-        const bool walk =
-            f == 3 || f == 4 || f == 8 || f == 9 || f == 13 || f == 14 || f == 17 || f == 18;
-        return answered(req, walk ? -1 : 0);
-    };
+    Daemon daemon = cmd_run;
     void SetUp() override
     {
+        DaemonTest::SetUp();
+        start();
+        model().addPort(3, "swp3");
+        model().addPort(4, "swp4");
+        model().addVlanIf(100, 10, "vlan10");
+        model().onHwCounter = [](uint32_t, uint32_t attr) {
+            return attr == DHCPSNOOP_IF_ATTR_IPSG_DROPS ? 7u : 8u;
+        };
+        sys().now = 100000;
         set_transport([this](const char *, int, const uint8_t *req, uint32_t len, Bytes &reply,
                              std::string &) {
             requests.emplace_back(req, req + len);
             reply = daemon(requests.back());
-            return Xfer::ok;
+            return reply.empty() ? Xfer::rejected : Xfer::ok;
         });
     }
-    void TearDown() override { set_transport(nullptr); }
+    void TearDown() override
+    {
+        set_transport(nullptr);
+        DaemonTest::TearDown();
+    }
+    std::string ok(const std::string &line)
+    {
+        Result r = run_cli("-n " + line);
+        EXPECT_EQ(r.status, 0) << r.err;
+        return r.out;
+    }
+    void refused(const std::string &line, const std::string &text)
+    {
+        Result r = run_cli(line);
+        EXPECT_EQ(r.status, EXIT_RESULT);
+        EXPECT_EQ(r.err, "dhcpsnoopctl: " + text + "\n");
+    }
 };
 
 const Bytes Z4 = u32_bytes(0), I7 = u32_bytes(7);
@@ -90,17 +110,17 @@ std::vector<Bytes> key_of(const char *ip)
 /* A request carrying a 32-bit value or bytes; the index is 0 for global ones. */
 Bytes num(uint32_t func, uint32_t cmd, uint32_t v, std::vector<Bytes> index = {Z4})
 {
-    return cmd_body({func, cmd, index, DT_U32, u32_bytes(v), func <= 2 ? 0 : -1});
+    return cmd_body({func, cmd, index, DT_U32, u32_bytes(v)});
 }
 Bytes raw(uint32_t func, uint32_t cmd, std::vector<Bytes> index, Bytes data)
 {
-    return cmd_body({func, cmd, index, DT_BYTES, data, func <= 2 ? 0 : -1});
+    return cmd_body({func, cmd, index, DT_BYTES, data});
 }
 
 /* The requests whose effect the in-process daemon below does not show. */
-TEST_F(CliScripted, RequestsAreEncodedWhole)
+TEST_F(Cli, RequestsAreEncodedWhole)
 {
-    const std::vector<Bytes> K4 = key_of("192.0.2.7");
+    daemon = [](const Bytes &req) { return answered(req, 0); };
     const std::vector<std::pair<const char *, std::vector<Bytes>>> cases = {
         {"global clear-statistics", {num(0, 17, 1)}},
         {"--sync global debug info", {num(1, 20, 1)}},
@@ -111,10 +131,6 @@ TEST_F(CliScripted, RequestsAreEncodedWhole)
         {"interface 7 option82 policy drop", {num(5, 8, 1, {I7})}},
         {"interface 7 clear-statistics", {num(5, 28, 1, {I7})}},
         {"--sync binding unbind 2001:db8::1", {num(11, 9, 2, key_of("2001:db8::1"))}},
-        {"binding show 192.0.2.7", {raw(12, 5, K4, Bytes(6)), num(12, 1, 0, K4)}},
-        {"binding add 192.0.2.7 mac 02:00:00:00:00:07 vlan 10 interface 3 unbound",
-         {num(10, 9, 4, K4), raw(10, 5, K4, {2, 0, 0, 0, 0, 7}), num(10, 1, 10, K4),
-          num(10, 2, 3, K4)}},
     };
     for (auto &[line, sent] : cases) {
         requests.clear();
@@ -124,18 +140,20 @@ TEST_F(CliScripted, RequestsAreEncodedWhole)
     }
 }
 
-TEST_F(CliScripted, BindingAddFailingHalfWayRemovesTheNewEntry)
+/* The half-made entry is deleted again. */
+TEST_F(Cli, BindingAddFailingHalfWayRemovesTheNewEntry)
 {
     daemon = [](const Bytes &req) { return answered(req, word(req, 20) == 1 ? 0x3E80004 : 0); };
     Result r = run_cli("binding add 192.0.2.7 mac 02:00:00:00:00:07 vlan 10 interface 3");
     EXPECT_EQ(r.status, EXIT_RESULT);
     EXPECT_EQ(r.err, "dhcpsnoopctl: binding add 192.0.2.7 vlan: the hardware layer refused the "
                      "change (0x3E80004)\n");
-    ASSERT_EQ(requests.size(), 4u);
-    EXPECT_EQ(requests[3], num(10, 9, 6, key_of("192.0.2.7"))) << "the half-made entry is deleted";
+    const std::vector<Bytes> K4 = key_of("192.0.2.7");
+    EXPECT_EQ(requests, (std::vector<Bytes>{num(10, 9, 4, K4), raw(10, 5, K4, {2, 0, 0, 0, 0, 7}),
+                                            num(10, 1, 10, K4), num(10, 9, 6, K4)}));
 }
 
-TEST_F(CliScripted, ListingThatDoesNotAdvanceStops)
+TEST_F(Cli, ListingThatDoesNotAdvanceStops)
 {
     /* the same VLAN for ever */
     daemon = [](const Bytes &req) { return answered(req, 0, DATA_POS_INDEX, 2, {u32_bytes(20)}); };
@@ -145,25 +163,19 @@ TEST_F(CliScripted, ListingThatDoesNotAdvanceStops)
     EXPECT_EQ(requests.size(), 2u);
 }
 
-/* Result codes the daemon below never gives exit 1; replies that do not fit
- * the request exit 3. */
-TEST_F(CliScripted, UnusableAnswers)
+/* A result code the front end has no words for exits 1; replies that do not
+ * fit the request exit 3. */
+TEST_F(Cli, UnusableAnswers)
 {
     auto rc = [](int32_t code) { return [code](const Bytes &req) { return answered(req, code); }; };
     const std::vector<std::tuple<Daemon, int, std::string>> cases = {
-        {rc(0x3E8000D), EXIT_RESULT,
-         "the text is too short or too long, or there is no room "
-         "for the answer (0x3E8000D)"},
-        {rc(0x3E8001A), EXIT_RESULT, "null key (0x3E8001A)"},
-        {rc(12), EXIT_RESULT, "no free entry left in the daemon's table (12)"},
         {rc(0x10000), EXIT_RESULT, "unexpected result (0x10000)"},
         {[](Bytes req) {
              Bytes func = u32_bytes(F_GLOBAL_GET); /* host order, as the codec writes it */
              std::copy(func.begin(), func.end(), req.begin() + 4);
              return req;
          },
-         EXIT_COMM,
-         "bad reply (the reply is for func 2, not 7)"},
+         EXIT_COMM, "bad reply (the reply is for func 2, not 7)"},
         {[](Bytes req) { return req[0] = 0, req; }, EXIT_COMM,
          "bad reply (the reply's header words are malformed)"},
         {[](const Bytes &req) { return Bytes(req.begin(), req.begin() + 26); }, EXIT_COMM,
@@ -179,7 +191,7 @@ TEST_F(CliScripted, UnusableAnswers)
     }
 }
 
-TEST_F(CliScripted, UsageErrorsExitTwoWithoutTalkingToTheDaemon)
+TEST_F(Cli, UsageErrorsExitTwoWithoutTalkingToTheDaemon)
 {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "no command given\nTry 'dhcpsnoopctl --help'."},
@@ -202,16 +214,14 @@ TEST_F(CliScripted, UsageErrorsExitTwoWithoutTalkingToTheDaemon)
         {"vlan 0 show", "the VLAN id must be a number from 1 to 4094, not '0'"},
         {"binding add 192.0.2.7 mac 02:00:00:00:00:07 vlan 10",
          "binding add needs mac, vlan and interface"},
-        {"binding add 192.0.2.7 mac 02:00:00:00:07 vlan 1 interface 1",
-         "'02:00:00:00:07' is not a MAC address (aa:bb:cc:dd:ee:ff)"},
-        {"binding set 192.0.2.7 mac 02:00:00:00:00:0g", "'02:00:00:00:00:0g' is not a MAC address"},
+        {"binding add 192.0.2.7 mac 02:00:00:00:00:0g vlan 1 interface 1",
+         "'02:00:00:00:00:0g' is not a MAC address (aa:bb:cc:dd:ee:ff)"},
         {"binding bind 192.0.2", "'192.0.2' is not an IPv4 or IPv6 address"},
         {"binding set 192.0.2.7",
          "binding set needs at least one of mac, vlan, interface, attribute"},
         {"binding set 192.0.2.7 vlan 9 up", "unknown binding attribute 'up'"},
         {"binding show 192.0.2.7 --count",
          "give an address or --interface/--vlan/--count, not both"},
-        {"server-ip add 3 2001:db8::1", "'2001:db8::1' is not an IPv4 address"},
         {"global sync-packet 0g", "'0g' is not a string of hex bytes"},
         {"global sync-packet 012", "hex bytes must come in pairs of digits"},
     };
@@ -223,7 +233,7 @@ TEST_F(CliScripted, UsageErrorsExitTwoWithoutTalkingToTheDaemon)
     EXPECT_TRUE(requests.empty());
 }
 
-TEST_F(CliScripted, HelpOnEveryLevel)
+TEST_F(Cli, HelpOnEveryLevel)
 {
     const std::string top = "Usage: dhcpsnoopctl [OPTIONS] COMMAND";
     EXPECT_EQ(run_cli("--help").out.find(top), 0u);
@@ -234,47 +244,7 @@ TEST_F(CliScripted, HelpOnEveryLevel)
     EXPECT_TRUE(requests.empty());
 }
 
-/* The front end against the daemon's command processing in-process, on the
- * simulated platform with ports 3 and 4 and the VLAN interface of VLAN 10. */
-class CliOutput : public DaemonTest {
-protected:
-    void SetUp() override
-    {
-        DaemonTest::SetUp();
-        start();
-        model().addPort(3, "swp3");
-        model().addPort(4, "swp4");
-        model().addVlanIf(100, 10, "vlan10");
-        model().onHwCounter = [](uint32_t, uint32_t attr) {
-            return attr == DHCPSNOOP_IF_ATTR_IPSG_DROPS ? 7u : 8u;
-        };
-        sys().now = 100000;
-        set_transport(
-            [](const char *, int, const uint8_t *req, uint32_t len, Bytes &reply, std::string &) {
-                reply = cmd_run(Bytes(req, req + len));
-                return reply.empty() ? Xfer::rejected : Xfer::ok;
-            });
-    }
-    void TearDown() override
-    {
-        set_transport(nullptr);
-        DaemonTest::TearDown();
-    }
-    std::string ok(const std::string &line)
-    {
-        Result r = run_cli("-n " + line);
-        EXPECT_EQ(r.status, 0) << r.err;
-        return r.out;
-    }
-    void refused(const std::string &line, const std::string &text)
-    {
-        Result r = run_cli(line);
-        EXPECT_EQ(r.status, EXIT_RESULT);
-        EXPECT_EQ(r.err, "dhcpsnoopctl: " + text + "\n");
-    }
-};
-
-TEST_F(CliOutput, SettingsAndTheirListings)
+TEST_F(Cli, SettingsAndTheirListings)
 {
     EXPECT_EQ(ok("interface show"), "No interface has snooping enabled.\n");
     EXPECT_EQ(ok("vlan show"), "No VLAN has snooping enabled.\n");
@@ -373,7 +343,6 @@ TEST_F(CliOutput, SettingsAndTheirListings)
               "\"max_users\":32768,\"users\":0,\"relay_address\":null,"
               "\"drops\":{\"untrusted_server\":0,\"mac_mismatch\":0,\"binding_mismatch\":0},"
               "\"hardware_drops\":{\"source_guard\":7,\"arp_inspection\":8}}]\n");
-    EXPECT_EQ(ok("interface 3 get 18"), "40\n");
     EXPECT_EQ(ok("--json interface 3 get 18"), "{\"value\":40}\n");
 
     ok("vlan 10 enable on");
@@ -405,7 +374,7 @@ TEST_F(CliOutput, SettingsAndTheirListings)
     EXPECT_EQ(r.out, "{\"configured\":false}\n");
 }
 
-TEST_F(CliOutput, BindingsAreListedWhole)
+TEST_F(Cli, BindingsAreListedWhole)
 {
     enablePort(3);
     DhcpsnoopUser *u =
@@ -425,10 +394,6 @@ TEST_F(CliOutput, BindingsAreListedWhole)
         "10.0.0.1     00:11:22:33:44:55  30    3          dynamic  bound      3600      3600\n"
         "192.0.2.7    02:00:00:00:00:07  10    1          static   bound      infinite  100000\n"
         "2001:db8::9  02:00:00:00:00:09  20    4          dynamic  requested  600       30\n");
-    EXPECT_EQ(
-        ok("binding show --vlan 20"),
-        "IP           MAC                VLAN  Interface  Type     State      Lease  Elapsed\n"
-        "2001:db8::9  02:00:00:00:00:09  20    4          dynamic  requested  600    30\n");
     EXPECT_EQ(ok("binding show --interface 3 --count"), "1\n");
     EXPECT_EQ(ok("--json binding show --vlan 30 --count"), "{\"count\":1}\n");
     EXPECT_EQ(ok("binding show --vlan 99"), "No bindings.\n");
@@ -453,18 +418,13 @@ TEST_F(CliOutput, BindingsAreListedWhole)
               "IP         MAC                VLAN  Interface  Type    State    Lease     Elapsed\n"
               "192.0.2.8  02:00:00:00:00:0a  9     3          static  unbound  infinite  0\n");
     ok("binding delete 192.0.2.8");
-    refused("binding show 192.0.2.8",
-            "binding show 192.0.2.8: no such entry or interface (0x3E80002); no binding for "
-            "that address");
-    refused("binding bind 192.0.2.8",
-            "binding bind 192.0.2.8: no such entry or interface (0x3E80002); no binding for "
-            "that address");
+    for (std::string c : {"binding show 192.0.2.8", "binding bind 192.0.2.8"})
+        refused(c, c + ": no such entry or interface (0x3E80002); no binding for that address");
     /* a listing of several pages */
     for (uint8_t i = 0; i < 70; i++)
         make_user(v4key(10, 1, 0, i), DHCPSNOOP_USER_STATIC, 3, 7);
     const std::string many = ok("binding show --vlan 7");
     EXPECT_EQ(std::count(many.begin(), many.end(), '\n'), 71);
-    EXPECT_EQ(ok("binding show --vlan 7 --count"), "70\n");
 }
 
 /* The socket exchange against a socket that serves one connection with what

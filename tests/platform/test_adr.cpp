@@ -1,29 +1,9 @@
-/* The management codec: an answer written over its own question, and bounds. */
+/* The management codec: no call reads or writes past the end of its buffer. */
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
 #include "dhcpsnoop_adr.h"
-
-namespace {
-template <class T> void put(std::vector<uint8_t> &b, T v)
-{
-    b.insert(b.end(), (uint8_t *)&v, (uint8_t *)&v + sizeof v);
-}
-} // namespace
-
-TEST(Adr, DataItemMayBeAnsweredInPlace)
-{
-    uint8_t buf[16] = {'p', 'q', 'r', 's', 't', 'u'};
-    AdrBuf a;
-    adr_start(&a, buf, sizeof buf);
-    ASSERT_EQ(adr_encodedata(&a, 4, 6, buf), 0); /* moved, not smeared */
-    std::vector<uint8_t> want = {ADR_DATA_HEADER, 4};
-    put(want, uint16_t(6));
-    want.insert(want.end(), {'p', 'q', 'r', 's', 't', 'u'});
-    EXPECT_EQ(std::vector<uint8_t>(buf, buf + adr_count(&a)), want);
-}
 
 /* Every call that would pass the end fails and leaves everything as it was. */
 TEST(Adr, NothingPassesTheEnd)
@@ -55,6 +35,8 @@ TEST(Adr, NothingPassesTheEnd)
     EXPECT_EQ(adr_getchar(&a, out, 0), out); /* an empty read at the end */
     EXPECT_NE(adr_pos(&a, 9), 0);
     EXPECT_EQ(adr_pos(&a, 8), 0);
-    EXPECT_EQ(std::vector<uint8_t>(guard.begin(), guard.begin() + 8), std::vector<uint8_t>(8, 0xAA));
-    EXPECT_EQ(std::vector<uint8_t>(guard.begin() + 16, guard.end()), std::vector<uint8_t>(24, 0xAA));
+    EXPECT_EQ(std::vector<uint8_t>(guard.begin(), guard.begin() + 8),
+              std::vector<uint8_t>(8, 0xAA));
+    EXPECT_EQ(std::vector<uint8_t>(guard.begin() + 16, guard.end()),
+              std::vector<uint8_t>(24, 0xAA));
 }

@@ -34,7 +34,8 @@ Bytes cmd_body(const CmdReq &r)
     adr_encodefunc(&a, r.func);
     adr_encoderetcode(&a, r.rc);
     adr_encodecmd(&a, r.cmd);
-    adr_encodeindexheader(&a, uint8_t(r.indexNum < 0 ? r.index.size() : r.indexNum));
+    const size_t count = r.func <= 2 ? 0 : r.index.size(); /* a global item is not counted */
+    adr_encodeindexheader(&a, uint8_t(r.indexNum < 0 ? count : r.indexNum));
     for (const Bytes &v : r.index)
         adr_encodeindex(&a, v.size() == 4 ? 2 : 0, v.data(), uint8_t(v.size()));
     adr_encodedata(&a, r.dataType, uint16_t(r.data.size()), r.data.data());

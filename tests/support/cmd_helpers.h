@@ -15,7 +15,7 @@ std::vector<Bytes> key_items(const uint8_t *key);
 
 /* One request (or reply) body.  Each index value goes behind its item header,
  * typed 2 when it is 32 bits wide, else 0, as the front end sends them;
- * `indexNum` defaults to their count. */
+ * `indexNum` defaults to their count, 0 for the global funcs 0 to 2. */
 struct CmdReq {
     uint32_t func = 0, cmd = 0;
     std::vector<Bytes> index;
