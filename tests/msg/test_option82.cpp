@@ -149,6 +149,7 @@ TEST_F(Option82Test, InsertedByModeTextAndFallbackThenStrippedBackToTheOriginal)
 TEST_F(Option82Test, SubOption9CutsTheHostNameTo128BytesAndNeedsOne)
 {
     uint8_t out[137];
+    EXPECT_EQ(dhcpsnoop_build_subopt9(out, &ifp, 1), 0u) << "switched off";
     ifp.flags |= ifflag::SUBOPT9;
     sim_model().hostname = std::string(200, 'h');
     uint32_t n = dhcpsnoop_build_subopt9(out, &ifp, 1);
