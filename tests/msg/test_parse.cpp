@@ -75,9 +75,7 @@ TEST_F(ParseTest, EachFaultIsRejectedWithItsMessage)
          "Udp len 261 must not exceed ip body len 260!"},
         {"239-byte message", [](auto &rx) { put16(rx.data + 38, 247); },
          "Message (len 247) is too short, stop process!"},
-        {"udp len below 8", [](auto &rx) { put16(rx.data + 38, 4); }, "Message (len 4) is too short, stop process!"},
         {"l2 at buffer end", [](auto &rx) { rx.l2HdrLen = 2048; }, "Len checking failed"},
-        {"l2 far out", [](auto &rx) { rx.l2HdrLen = 0xFFFF; }, "Len checking failed"},
         {"headers across the end", [](auto &rx) { rx.l2HdrLen = 2030, rx.data[2030] = 0x45; }, "Len checking failed"},
     };
     Dhcp4Frame f;
@@ -127,10 +125,6 @@ TEST_F(ParseTest, RecordOfATaggedFramePointsIntoIt)
     put16(&bytes[38], 20);
     EXPECT_EQ(parse_bytes(bytes, 14, 0), 0);
     EXPECT_EQ(std::tuple(i.udpLenField, i.dhcpMsg), std::tuple(nullptr, nullptr));
-    /* IP version 6 behind the IPv4 EtherType goes to the IPv6 parser */
-    bytes[14] = 0x60;
-    parse_bytes(bytes);
-    EXPECT_FALSE(said("not a IPv4"));
 }
 
 TEST_F(ParseTest, OptionWalk)

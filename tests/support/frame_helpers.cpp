@@ -1,8 +1,14 @@
+/* The builders and checks of both families (frame_helpers.h, frame6_helpers.h),
+ * sharing their byte and checksum arithmetic. */
 #include "frame_helpers.h"
 
+#include <arpa/inet.h>
+
 #include <cstring>
+#include <stdexcept>
 
 #include "dhcpsnoop_msg.h"
+#include "frame6_helpers.h"
 
 namespace {
 
@@ -17,6 +23,8 @@ void push32(std::vector<uint8_t> &v, uint32_t x)
     push16(v, x >> 16);
     push16(v, x);
 }
+
+std::vector<uint8_t> be16(uint32_t x) { return {uint8_t(x >> 8), uint8_t(x)}; }
 
 uint32_t rd16(const uint8_t *p) { return uint32_t(p[0]) << 8 | p[1]; }
 
@@ -37,6 +45,12 @@ uint32_t udp_sum(const uint8_t *ip, const uint8_t *udp, size_t udpLen)
     uint8_t pseudo[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 17, uint8_t(udpLen >> 8), uint8_t(udpLen)};
     memcpy(pseudo, ip + 12, 8);
     return ones_sum(udp, udpLen, ones_sum(pseudo, 12));
+}
+
+/* The same for the UDP datagram at `ip + 40` behind a fixed IPv6 header. */
+uint32_t udp6_sum(const uint8_t *ip, uint32_t len)
+{
+    return ones_sum(ip + 40, len, ones_sum(ip + 8, 32, len + 17));
 }
 
 } // namespace
@@ -172,4 +186,86 @@ int parse_frame(ParsedFrame &pf, const std::vector<uint8_t> &frame, DhcpsnoopIf 
 {
     fill_rxpkt(pf.rx, frame, ifp, ifp ? ifp->ifIndex : 0, outerVid, innerVid, uint16_t(l2Len));
     return dhcpsnoop_packet_parse(&pf.rx, &pf.info, 1);
+}
+
+Ip6 ip6(const char *text)
+{
+    Ip6 a{};
+    if (inet_pton(AF_INET6, text, a.data()) != 1)
+        throw std::invalid_argument(text);
+    return a;
+}
+
+std::vector<uint8_t> cat(std::initializer_list<std::vector<uint8_t>> parts)
+{
+    std::vector<uint8_t> v;
+    for (auto &p : parts)
+        v.insert(v.end(), p.begin(), p.end());
+    return v;
+}
+
+std::vector<uint8_t> opt6(uint16_t code, const std::vector<uint8_t> &data)
+{
+    return cat({be16(code), be16(uint32_t(data.size())), data});
+}
+
+std::vector<uint8_t> iaaddr6(const Ip6 &addr, uint32_t preferred, uint32_t valid,
+                             const std::vector<uint8_t> &inner)
+{
+    return opt6(5, cat({{addr.begin(), addr.end()}, ipv4(preferred), ipv4(valid), inner}));
+}
+
+std::vector<uint8_t> ia_na6(uint32_t iaid, const std::vector<uint8_t> &inner)
+{
+    return opt6(3, cat({ipv4(iaid), ipv4(1800), ipv4(2880), inner}));
+}
+
+std::vector<uint8_t> ia_ta6(uint32_t iaid, const std::vector<uint8_t> &inner)
+{
+    return opt6(4, cat({ipv4(iaid), inner}));
+}
+
+std::vector<uint8_t> status6(uint16_t code) { return opt6(13, be16(code)); }
+
+Dhcp6Frame &Dhcp6Frame::opt(uint16_t code, const std::vector<uint8_t> &data)
+{
+    options = cat({options, opt6(code, data)});
+    return *this;
+}
+
+std::vector<uint8_t> Dhcp6Frame::build() const
+{
+    std::vector<uint8_t> f = cat({{dst.begin(), dst.end()}, {src.begin(), src.end()}});
+    for (uint16_t v : vlans)
+        f = cat({f, {0x81, 0}, be16(v)});
+    uint32_t udpLen = 8 + 4 + uint32_t(options.size());
+    size_t ipAt = f.size() + 2, udpAt = ipAt + 40 + ext.size();
+    f = cat({f, {0x86, 0xDD, 0x60, 0, 0, 0}, be16(uint32_t(ext.size()) + udpLen)});
+    f = cat({f, {uint8_t(ext.empty() ? 17 : nextHeader), 1}, {srcIp.begin(), srcIp.end()}});
+    f = cat({f, {dstIp.begin(), dstIp.end()}, ext, be16(sport), be16(dport), be16(udpLen)});
+    f = cat({f, {0, 0}, ipv4(uint32_t(type) << 24 | (xid & 0xFFFFFF)), options});
+    /* the checksum over the pseudo-header, as if UDP followed the fixed header */
+    std::vector<uint8_t> plain = cat({{f.begin() + long(ipAt), f.begin() + long(ipAt) + 40},
+                                      {f.begin() + long(udpAt), f.end()}});
+    uint16_t ck = uint16_t(~udp6_sum(plain.data(), udpLen));
+    f[udpAt + 6] = uint8_t(ck >> 8);
+    f[udpAt + 7] = uint8_t(ck);
+    f.insert(f.end(), pad, 0);
+    return f;
+}
+
+bool udp6_checksum_ok(const uint8_t *frame, size_t l2)
+{
+    return udp6_sum(frame + l2, rd16(frame + l2 + 40 + 4)) == 0xFFFF;
+}
+
+std::vector<size_t> find_opts6(const std::vector<uint8_t> &f, size_t l2, uint16_t code)
+{
+    std::vector<size_t> out;
+    size_t end = l2 + 40 + rd16(&f[l2 + 4]);
+    for (size_t pos = l2 + 40 + 8 + 4; pos + 4 <= end && pos + 4 <= f.size();
+         pos += 4 + rd16(&f[pos + 2]))
+        if (rd16(&f[pos]) == code)
+            out.push_back(pos);
+    return out;
 }
