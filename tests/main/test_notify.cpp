@@ -366,8 +366,7 @@ TEST_F(NotifyTest, SubsystemUpAndVlanUserEventsThroughTheLoop)
     sys().netlink.push_back(msg(190, words({10})));
     dhcpsnoop_main_pass();
     deliver(msg(190, words({0x1000A}))); /* not VLAN 10 */
-    deliver(msg(190, {}));                /* no VLAN */
-    EXPECT_TRUE(sys().netlink.empty());
+    deliver(msg(190, {}));               /* no VLAN */
     ASSERT_EQ(model().netlinkSends.size(), 1u);
     uint16_t event;
     memcpy(&event, model().netlinkSends[0].record.data() + 12, 2);
