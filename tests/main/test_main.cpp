@@ -332,8 +332,7 @@ TEST_F(LoopTest, FrameRecordIsFilledFromThePacketInformation)
     sys().frames6.push_back(f);
     dhcpsnoop_main_pass();
     EXPECT_EQ(handed_on(), 0u);
-    EXPECT_EQ(model().debugCount("[DHCPSNOOP]: rxpktInfo was NULL!\r\n"), 1u);
-    EXPECT_EQ(model().debugCount("[DHCPSNOOP] rxpktInfo was NULL!"), 1u);
+    EXPECT_EQ(model().debugCount("rxpktInfo was NULL!"), 2u);
 
     /* the rooms a frame without information left are whole again; IPv6 takes
      * the index of the link-layer address, IPv4 the information's */
@@ -369,8 +368,7 @@ TEST_F(LoopTest, FramesWithoutAPortOrAValidReceiveAreDropped)
         sys().frames6.push_back(frame(7, vid));
         dhcpsnoop_main_pass();
     }
-    EXPECT_EQ(model().debugCount("[DHCPSNOOP]: qor index trans error!\r\n"), 1u);
-    EXPECT_EQ(model().debugCount("[DHCPSNOOP] qor index trans error!\r\n"), 1u);
+    EXPECT_EQ(model().debugCount("qor index trans error!"), 2u);
     FakeFrame empty = frame(5), failed = frame(5);
     empty.result = 0;
     failed.result = -1;

@@ -243,7 +243,6 @@ TEST_F(NotifyTest, CheckItemChangesFollowPortOverVlan)
         }
     }
     EXPECT_EQ(model().debugCount("RTM_ANTIARP_DAICHANGEDCHECKITEM p_param->item = 96\n\r"), 1u);
-    EXPECT_EQ(model().debugCount("Check all user-bind entries on vlan 10."), 4u);
 }
 
 TEST_F(NotifyTest, ArpInspectionStartAndStop)
