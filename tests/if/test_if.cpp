@@ -13,29 +13,13 @@ std::vector<uint32_t> list_order(DhcpsnoopList &head)
     return out;
 }
 
-/* Trap calls on an interface as command * 100 + word. */
-std::vector<uint32_t> traps_of(uint32_t ifIndex)
-{
-    std::vector<uint32_t> out;
-    for (auto &c : sim_model().trapCalls)
-        if (c.ifIndex == ifIndex)
-            out.push_back(c.cmd * 100 + c.word);
-    return out;
-}
-
-class IfTest : public DaemonTest {
-protected:
-    void SetUp() override
-    {
-        DaemonTest::SetUp();
-        start(4);
-    }
-};
+using IfTest = DaemonTest;
 
 } // namespace
 
 TEST_F(IfTest, OrderCapacityAndRefusedTraps)
 {
+    start(4);
     for (uint32_t idx : {30u, 10u, 20u})
         enablePort(idx);
     DhcpsnoopIf *e = dhcpsnoop_if_lookup(20);
@@ -65,7 +49,8 @@ TEST_F(IfTest, OrderCapacityAndRefusedTraps)
 
 TEST_F(IfTest, StateNotifyResults)
 {
-    /* fails: the results of the calls in order (0 = accepted) */
+    /* fails: the results of the calls in order (0 = accepted); traps: the
+     * calls as command * 100 + word */
     const struct {
         uint32_t version, state;
         std::vector<std::pair<uint32_t, int>> fails;
@@ -86,6 +71,9 @@ TEST_F(IfTest, StateNotifyResults)
         for (auto &[cmd, rc] : c.fails)
             model().failOn("qorIfSetApi", cmd, rc, 1);
         EXPECT_EQ(dhcpsnoop_if_state_notify(33, c.version, c.state), c.rc);
-        EXPECT_EQ(traps_of(33), c.traps);
+        std::vector<uint32_t> traps;
+        for (auto &t : model().trapCalls)
+            traps.push_back(t.ifIndex == 33 ? t.cmd * 100 + t.word : 0);
+        EXPECT_EQ(traps, c.traps);
     }
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "binding_helpers.h"
 
@@ -78,7 +79,6 @@ TEST_F(StartTest, StartUpOpensTheFourSocketsOnce)
     sys().failCall("setsockopt", 1, 57); /* the last two groups are optional */
     sys().failCall("setsockopt", 2, 40);
     start(4, 8);
-    EXPECT_EQ(dhcpsnoop_is_started(), 1u);
     FakeSock *d4 = sys().sock(gDhcpsnoop.dataSock), *d6 = sys().sock(gDhcpsnoop.data6Sock),
              *cmd = sys().sock(gDhcpsnoop.cmdSock), *rt = sys().sock(gDhcpsnoop.rtSock);
     ASSERT_TRUE(d4 && d6 && cmd && rt);
@@ -91,7 +91,8 @@ TEST_F(StartTest, StartUpOpensTheFourSocketsOnce)
               std::tuple(NETLINK_ROUTE, socklen_t(12), std::vector<int>{32, 31, 40, 1, 56}, true));
     /* the relay socket is deliberately left unopened; a stale socket path is
      * removed before binding */
-    EXPECT_EQ(std::tuple(gDhcpsnoop.udpSock, sys().fdOf(FakeKind::Udp)), std::tuple(0, -1));
+    EXPECT_EQ(std::tuple(dhcpsnoop_is_started(), gDhcpsnoop.udpSock, sys().openCount()),
+              std::tuple(1u, 0, size_t(4)));
     EXPECT_EQ(sys().unlinked, std::vector<std::string>{kPath});
     EXPECT_EQ(gDhcpsnoop.enterpriseNum, DHCPSNOOP_ENTERPRISE_NUMBER);
     EXPECT_EQ(model().semaphores.count(gDhcpsnoop.semId), 1u);
@@ -224,17 +225,8 @@ protected:
         sys().calls.clear();
         gDhcpsnoop.debugFlags = DHCPSNOOP_DEBUG_INFO | DHCPSNOOP_DEBUG_DUMP;
     }
-    /* The calls of the pass that served a socket. */
-    std::vector<std::string> served()
-    {
-        std::vector<std::string> out;
-        for (auto &c : sys().calls)
-            if (c.rfind("recvmsg", 0) == 0 || c.rfind("recvfrom", 0) == 0 ||
-                c.rfind("accept", 0) == 0)
-                out.push_back(c);
-        sys().calls.clear();
-        return out;
-    }
+    /* The receives and accepts since the last call. */
+    std::vector<std::string> served() { return std::exchange(sys().calls, {}); }
     size_t handed_on() { return model().debugCount("Receive a dhcp message"); }
     FakeFrame frame(uint32_t ingress, uint16_t outer = 1)
     {
@@ -254,7 +246,7 @@ protected:
 
 } // namespace
 
-TEST_F(LoopTest, OnePassWatchesTheFourSocketsAndServesOneUnitOfEach)
+TEST_F(LoopTest, OnePassServesOneUnitOfEachReadySocket)
 {
     for (int i = 0; i < 2; i++) {
         sys().frames4.push_back(frame(1));
@@ -263,11 +255,6 @@ TEST_F(LoopTest, OnePassWatchesTheFourSocketsAndServesOneUnitOfEach)
         sys().netlink.push_back(std::vector<uint8_t>(20, 0));
     }
     dhcpsnoop_main_pass();
-    int fds[] = {gDhcpsnoop.dataSock, gDhcpsnoop.data6Sock, gDhcpsnoop.cmdSock, gDhcpsnoop.rtSock};
-    for (int fd = 0; fd < FD_SETSIZE; fd++)
-        EXPECT_EQ(FD_ISSET(fd, &sys().lastReadSet) != 0, std::count(fds, fds + 4, fd) == 1) << fd;
-    EXPECT_EQ(std::tuple(sys().lastNfds, sys().lastTimeout),
-              std::tuple(*std::max_element(fds, fds + 4) + 1, 60));
     EXPECT_EQ(served(), (std::vector<std::string>{"recvmsg:data4", "recvmsg:data6", "accept:cmd",
                                                   "recvfrom:netlink"}));
     /* only what is ready is served */
@@ -275,6 +262,10 @@ TEST_F(LoopTest, OnePassWatchesTheFourSocketsAndServesOneUnitOfEach)
     sys().pendingConns.clear();
     dhcpsnoop_main_pass();
     EXPECT_EQ(served(), (std::vector<std::string>{"recvmsg:data6", "recvfrom:netlink"}));
+    /* with nothing ready the pass waits out its minute */
+    const time_t before = sys().now;
+    dhcpsnoop_main_pass();
+    EXPECT_EQ(std::tuple(served().size(), sys().now - before), std::tuple(0u, time_t(60)));
     /* a failed select leaves the set as built: every socket is served */
     sys().selectResult = -1;
     dhcpsnoop_main_pass();
@@ -291,12 +282,6 @@ TEST_F(LoopTest, OnePassWatchesTheFourSocketsAndServesOneUnitOfEach)
 TEST_F(LoopTest, LeaseScanRunsOncePerMinuteNeverOnASlaveAndExpiresDynamicEntries)
 {
     sys().selectAdvancesClock = false;
-    const char *scan = "Timeout, check the user binding table!";
-    for (auto [advance, scans] : {std::pair<time_t, size_t>{0, 1}, {59, 1}, {1, 2}, {200, 3}}) {
-        sys().now += advance;
-        dhcpsnoop_main_pass();
-        EXPECT_EQ(model().debugCount(scan), scans) << "after +" << advance;
-    }
     const uint32_t t0 = uint32_t(sys().now);
     /* 10.0.0.1 and 1.0.0.10 share a bucket: deleting one keeps the walk safe */
     for (auto [a, type, lease] : {std::tuple{1, DHCPSNOOP_USER_DYNAMIC, 60u},
@@ -317,23 +302,25 @@ TEST_F(LoopTest, LeaseScanRunsOncePerMinuteNeverOnASlaveAndExpiresDynamicEntries
         DhcpsnoopUserKey k = v4key(10, 0, 0, a);
         return dhcpsnoop_user_lookup(&k) != nullptr;
     };
+    const char *scan = "Timeout, check the user binding table!";
     set_role(DHCPSNOOP_ROLE_SLAVE); /* a Slave never ages its tables */
-    sys().now = t0 + 10000;
     dhcpsnoop_main_pass();
-    EXPECT_EQ(model().debugCount(scan), 3u);
-    EXPECT_TRUE(present(1));
+    EXPECT_EQ(model().debugCount(scan), 0u);
     set_role(DHCPSNOOP_ROLE_NONE);
-    for (auto [at, p1, p2, macUser] : {std::tuple{60u, false, true, true},
-                                       {119u, false, true, true},
-                                       {120u, false, true, false},
-                                       {200u, false, false, false}}) {
+    /* the first pass scans; then a scan a minute at most */
+    for (auto [at, scans, p1, p2, macUser] : {std::tuple{0u, 1u, true, true, true},
+                                              {59u, 1u, true, true, true},
+                                              {60u, 2u, false, true, true},
+                                              {120u, 3u, false, true, false},
+                                              {200u, 4u, false, false, false}}) {
         sys().now = t0 + at;
         dhcpsnoop_main_pass();
-        EXPECT_EQ(std::tuple(present(1), present(2), present(3), present(4),
-                             dhcpsnoop_mac_user_lookup(mac) != nullptr),
-                  std::tuple(p1, p2, true, true, macUser)) << "at +" << at;
+        EXPECT_EQ(std::tuple(model().debugCount(scan), present(1), present(2), present(3),
+                             present(4), dhcpsnoop_mac_user_lookup(mac) != nullptr),
+                  std::tuple(size_t(scans), p1, p2, true, true, macUser))
+            << "at +" << at;
     }
-    EXPECT_EQ(list_length(&gDhcpsnoop.userFreeList), size_t(gDhcpsnoop.userMax) - 3);
+    EXPECT_EQ(free_user_nodes(), size_t(gDhcpsnoop.userMax) - 3);
 }
 
 TEST_F(LoopTest, FrameRecordIsFilledFromThePacketInformation)
@@ -345,22 +332,18 @@ TEST_F(LoopTest, FrameRecordIsFilledFromThePacketInformation)
     sys().frames6.push_back(f);
     dhcpsnoop_main_pass();
     EXPECT_EQ(handed_on(), 0u);
-    EXPECT_EQ(model().debugCount("[DHCPSNOOP]: rxpktInfo was NULL!\r\n"), 1u);
-    EXPECT_EQ(model().debugCount("[DHCPSNOOP] rxpktInfo was NULL!"), 1u);
+    EXPECT_EQ(model().debugCount("rxpktInfo was NULL!"), 2u);
 
-    /* the rooms a frame without information left are whole again */
+    /* the rooms a frame without information left are whole again; IPv6 takes
+     * the index of the link-layer address, IPv4 the information's */
     f.withInfo = true;
     f.innerVid = 7;
     f.l2HdrLen = 18;
     f.sllIfindex = 99;
-    sys().frames4.push_back(f);
+    sys().frames6.push_back(f);
     dhcpsnoop_main_pass();
     ASSERT_EQ(handed_on(), 1u);
     EXPECT_EQ(dhcpsnoop_main_rxpkt()->inIf, e);
-    /* IPv4: the ingress index of the information; IPv6: the link-layer address's */
-    EXPECT_EQ(rx(), std::make_tuple(5u, 300, 7, 18, 0x0800, 64));
-    sys().frames6.push_back(f);
-    dhcpsnoop_main_pass();
     EXPECT_EQ(rx(), std::make_tuple(99u, 300, 7, 18, 0x86DD, 64));
 
     /* the information once seen is kept for frames that bring none; a frame
@@ -370,7 +353,7 @@ TEST_F(LoopTest, FrameRecordIsFilledFromThePacketInformation)
     big.bytes.assign(5000, 0x5A);
     sys().frames4.push_back(big);
     dhcpsnoop_main_pass();
-    EXPECT_EQ(handed_on(), 3u);
+    EXPECT_EQ(handed_on(), 2u);
     EXPECT_EQ(rx(), std::make_tuple(5u, 300, 7, 18, 0x0800, 2048));
 }
 
@@ -385,8 +368,7 @@ TEST_F(LoopTest, FramesWithoutAPortOrAValidReceiveAreDropped)
         sys().frames6.push_back(frame(7, vid));
         dhcpsnoop_main_pass();
     }
-    EXPECT_EQ(model().debugCount("[DHCPSNOOP]: qor index trans error!\r\n"), 1u);
-    EXPECT_EQ(model().debugCount("[DHCPSNOOP] qor index trans error!\r\n"), 1u);
+    EXPECT_EQ(model().debugCount("qor index trans error!"), 2u);
     FakeFrame empty = frame(5), failed = frame(5);
     empty.result = 0;
     failed.result = -1;

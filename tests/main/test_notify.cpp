@@ -243,7 +243,6 @@ TEST_F(NotifyTest, CheckItemChangesFollowPortOverVlan)
         }
     }
     EXPECT_EQ(model().debugCount("RTM_ANTIARP_DAICHANGEDCHECKITEM p_param->item = 96\n\r"), 1u);
-    EXPECT_EQ(model().debugCount("Check all user-bind entries on vlan 10."), 4u);
 }
 
 TEST_F(NotifyTest, ArpInspectionStartAndStop)
@@ -366,8 +365,7 @@ TEST_F(NotifyTest, SubsystemUpAndVlanUserEventsThroughTheLoop)
     sys().netlink.push_back(msg(190, words({10})));
     dhcpsnoop_main_pass();
     deliver(msg(190, words({0x1000A}))); /* not VLAN 10 */
-    deliver(msg(190, {}));                /* no VLAN */
-    EXPECT_TRUE(sys().netlink.empty());
+    deliver(msg(190, {}));               /* no VLAN */
     ASSERT_EQ(model().netlinkSends.size(), 1u);
     uint16_t event;
     memcpy(&event, model().netlinkSends[0].record.data() + 12, 2);

@@ -41,12 +41,11 @@ FakeKind kind_of(int fd)
 /* The failure argument of calls that fail by the socket's kind. */
 long kind_arg(int fd) { return g_fake.sock(fd) ? long(kind_of(fd)) : -1; }
 
-int new_sock(FakeKind kind, int type, int protocol)
+int new_sock(FakeKind kind, int protocol)
 {
     FakeSock s;
     s.fd = g_fake.nextFd++;
     s.kind = kind;
-    s.type = type;
     s.protocol = protocol;
     g_fake.socks[s.fd] = s;
     return s.fd;
@@ -67,7 +66,7 @@ int f_socket(int domain, int type, int protocol)
         kind = FakeKind::Netlink;
     else if (domain == AF_INET && type == SOCK_DGRAM)
         kind = FakeKind::Udp;
-    return new_sock(kind, type, protocol);
+    return new_sock(kind, protocol);
 }
 
 int f_setsockopt(int fd, int level, int name, const void *value, socklen_t len)
@@ -117,7 +116,7 @@ int f_accept(int fd, struct sockaddr *, socklen_t *)
         errno = EAGAIN;
         return -1;
     }
-    int c = new_sock(FakeKind::Conn, 0, 0);
+    int c = new_sock(FakeKind::Conn, 0);
     g_fake.conns[c] = g_fake.pendingConns.front();
     g_fake.pendingConns.pop_front();
     return c;
@@ -173,11 +172,6 @@ bool readable(const FakeSock &s)
 
 int f_select(int nfds, fd_set *rd, fd_set *, fd_set *, struct timeval *tv)
 {
-    g_fake.lastNfds = nfds;
-    FD_ZERO(&g_fake.lastReadSet);
-    if (rd)
-        g_fake.lastReadSet = *rd;
-    g_fake.lastTimeout = tv ? tv->tv_sec : -1;
     if (g_fake.selectResult)
         return *g_fake.selectResult;
     fd_set out;
@@ -196,7 +190,7 @@ int f_select(int nfds, fd_set *rd, fd_set *, fd_set *, struct timeval *tv)
 }
 
 /* The packet-information message as the kernel writes it: only when the
- * caller's control room holds it; the used length is handed back. */
+ * caller's control room holds it (else it is cut); the used length is handed back. */
 void deliver_control(struct msghdr *msg, const FakeFrame &f)
 {
     if (f.rawControl) {
@@ -211,9 +205,7 @@ void deliver_control(struct msghdr *msg, const FakeFrame &f)
     memcpy(payload + 20, &f.outerVid, 2);
     memcpy(payload + 22, &f.innerVid, 2);
     payload[24] = f.l2HdrLen;
-    if (f.withInfo && (!msg->msg_control || msg->msg_controllen < CMSG_SPACE(sizeof payload)))
-        msg->msg_flags |= MSG_CTRUNC;
-    if (!f.withInfo || (msg->msg_flags & MSG_CTRUNC)) {
+    if (!f.withInfo || !msg->msg_control || msg->msg_controllen < CMSG_SPACE(sizeof payload)) {
         msg->msg_controllen = 0;
         return;
     }
@@ -243,7 +235,6 @@ ssize_t f_recvmsg(int fd, struct msghdr *msg, int)
     size_t n = std::min(msg->msg_iovlen ? msg->msg_iov[0].iov_len : 0, f.bytes.size());
     if (n)
         memcpy(msg->msg_iov[0].iov_base, f.bytes.data(), n);
-    msg->msg_flags = 0;
     if (msg->msg_name && msg->msg_namelen >= sizeof(struct sockaddr_ll)) {
         struct sockaddr_ll ll {};
         ll.sll_family = AF_PACKET;
@@ -305,7 +296,7 @@ ssize_t f_sendto(int fd, const void *buf, size_t len, int, const struct sockaddr
 {
     if (g_fake.fail("sendto", kind_arg(fd)))
         return -1;
-    g_fake.sent.push_back({fd, kind_of(fd), bytes_of(buf, len), bytes_of(addr, alen), {}});
+    g_fake.sent.push_back({fd, bytes_of(buf, len), bytes_of(addr, alen), {}});
     return ssize_t(len);
 }
 
@@ -322,7 +313,7 @@ ssize_t f_sendmsg(int fd, const struct msghdr *msg, int)
     if (c != g_fake.conns.end())
         c->second.output.insert(c->second.output.end(), bytes.begin(), bytes.end());
     else
-        g_fake.sent.push_back({fd, kind_of(fd), bytes, bytes_of(msg->msg_name, msg->msg_namelen),
+        g_fake.sent.push_back({fd, bytes, bytes_of(msg->msg_name, msg->msg_namelen),
                                bytes_of(msg->msg_control, msg->msg_controllen)});
     return ssize_t(bytes.size());
 }
@@ -367,7 +358,6 @@ void FakeSys::reset()
         free(p);
     live.clear();
     *this = FakeSys();
-    FD_ZERO(&lastReadSet);
 }
 
 void FakeSys::failCall(const std::string &fn, int nth, long arg, int err)

@@ -21,7 +21,7 @@ enum class FakeKind { Data4, Data6, Cmd, Netlink, Udp, Conn, Other };
 struct FakeSock {
     int fd = -1;
     FakeKind kind = FakeKind::Other;
-    int type = 0, protocol = 0;
+    int protocol = 0;
     std::map<std::pair<int, int>, int> options; /* (level, name) -> int value */
     std::vector<int> groups;                    /* netlink groups joined */
     bool bound = false, listening = false, nonblocking = false, closed = false;
@@ -52,7 +52,6 @@ struct FakeConn {
 
 struct FakeSent {
     int fd;
-    FakeKind kind;
     std::vector<uint8_t> bytes, addr, control;
 };
 
@@ -85,9 +84,6 @@ public:
     std::vector<FakeSent> sent;
     std::map<int, FakeConn> conns;
     std::vector<FakeConn> finishedConns;
-    fd_set lastReadSet;
-    int lastNfds = 0;
-    long lastTimeout = -1;
     size_t liveAllocations() const { return live.size(); }
 
     int fail(const char *fn, long arg);
