@@ -36,10 +36,11 @@ inline FakeSys &fuzz_restart(bool clockStill)
 
 /* The pools and tables hold together, or abort: every node of a pool is on
  * exactly one list (free list or table), so free + used = pool size; links
- * point back; every binding and MAC user is what its table's lookup finds;
- * each interface's user count equals its dynamic bindings (its port's and its
- * VLAN's; not on a Slave, which counts what its Master sends). */
-inline void fuzz_check_tables(bool counts = true)
+ * point back; every binding and MAC user is what its table's lookup finds.
+ * Unless the bindings came from a Master (own false), their hardware flags
+ * are known kinds, each with where it came from, and each interface's user
+ * count equals its dynamic bindings (its port's and its VLAN's). */
+inline void fuzz_check_tables(bool own = true)
 {
     std::set<const DhcpsnoopList *> seen;
     auto walk = [&](DhcpsnoopList *head, const void *pool, size_t size, uint16_t max,
@@ -61,7 +62,10 @@ inline void fuzz_check_tables(bool counts = true)
     std::map<const DhcpsnoopIf *, size_t> counted;
     auto user = [&](DhcpsnoopList *e) {
         DhcpsnoopUser *u = dhcpsnoop_entry<DhcpsnoopUser>(e);
-        if (dhcpsnoop_user_lookup(dhcpsnoop_user_key(u)) != u)
+        if (dhcpsnoop_user_lookup(dhcpsnoop_user_key(u)) != u ||
+            (own && (u->hwFlags & ~(DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI)) != 0) ||
+            (own && u->userType == DHCPSNOOP_USER_DYNAMIC && u->bindState == DHCPSNOOP_BIND_BOUND &&
+             (u->hwFlags & DHCPSNOOP_HW_IPSG) && u->ipsgSource == 0))
             abort();
         if (u->userType == DHCPSNOOP_USER_DYNAMIC) {
             counted[dhcpsnoop_if_lookup(u->ifIndex)]++;
@@ -83,7 +87,7 @@ inline void fuzz_check_tables(bool counts = true)
     uint32_t lastIndex = 0;
     auto iface = [&](DhcpsnoopList *e) {
         const DhcpsnoopIf *f = dhcpsnoop_entry<DhcpsnoopIf>(e);
-        if (f->ifIndex < lastIndex || (counts && f->curUser != counted[f]))
+        if (f->ifIndex < lastIndex || (own && f->curUser != counted[f]))
             abort();
         lastIndex = f->ifIndex;
     };

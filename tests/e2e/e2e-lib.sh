@@ -65,16 +65,18 @@ lease_wait() {
   wait_for 10 "a binding for $ip" has_binding_for "$SOCK" "${ip:-none}"
 }
 
-# v4_lab IPSG_ITEMS DAEMON_ARGS...: the DHCPv4 lab (netns-lib's lab_v4) with
-# source guard on the client's port, the daemon started and snooping, and the
-# real server (dnsmasq) on 10.77.0.1.
+# v4_lab CONF_LINES DAEMON_ARGS...: the DHCPv4 lab (netns-lib's lab_v4, its
+# configuration kept as open.conf) with the lines added (source guard and ARP
+# inspection), the daemon started and snooping.
 v4_lab() {
   lab_v4
-  echo "ipsg swc items $1" >>"$NL_TMP/dhcpsnoop.conf"
+  cp "$NL_TMP/dhcpsnoop.conf" "$NL_TMP/open.conf"
+  printf '%s\n' "$1" >>"$NL_TMP/dhcpsnoop.conf"
   shift
   ds_start sw "$NL_TMP/dhcpsnoop.conf" "$SOCK" "$NL_TMP/dhcpsnoopd.log" "$@" || exit 1
   NL_QUIET=1 lab_snoop "$SOCK" "${CIRCUIT:-circ}" "${REMOTE:-rem}" || nl_die "configuring the daemon failed"
 }
+# the real server (dnsmasq) on 10.77.0.1
 v4_server() { dnsmasq_v4 srv eth0 10.77.0.1/24 10.77.0.100 10.77.0.150 600 "$NL_TMP/server.log" || exit 1; }
 
 # lab2 SWC_LINE SWS_LINE [COMMAND...]: namespaces sw, cl, srv; swc--cl/eth0 and

@@ -10,7 +10,7 @@ case $server in dnsmasq) spkg=dnsmasq-base ;; kea) spkg=kea-dhcp4-server ;; *) n
 case $client in dhclient) cpkg=isc-dhcp-client ;; udhcpc) cpkg=busybox ;; *) nl_die "client $client?" ;; esac
 e2e_init "v4$client" tshark "$spkg" "$cpkg"
 CIRCUIT=e2e-port-swc REMOTE=e2e-switch-remote
-v4_lab 0xf0 0 0 1 1 0
+v4_lab "ipsg swc items 0xf0" 0 0 1 1 0
 caps_start
 if [ "$server" = kea ]; then
   kea_v4 srv eth0 10.77.0.1/24 10.77.0.0/24 10.77.0.100 10.77.0.150 600 "$NL_TMP/server.log" || exit 1
@@ -49,6 +49,5 @@ check "the server's ACK reached the client" gt0 "$(cl "m['type'] == 'ACK' and m[
 check_eq "at the client: ACK/NAK with option 82, replies with bad checksums, anything from the rogue" "0 0 0" \
   "$(cl "m['type'] in ('ACK', 'NAK') and 82 in m['opts']") $(cl "m['op'] == 2 and m['csum_ok'] is False") $(cl \
     "m['src'] == '02:00:00:00:00:66' or m['server'] == '10.66.0.1' or m['yiaddr'].startswith('10.66.')")"
-check "the client never held a rogue address" not grep -qs '10\.66\.' "$REC" "$REC.events"
 check_alive dhcpsnoopd "$DS_PID"
 nl_summary

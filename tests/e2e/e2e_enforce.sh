@@ -7,11 +7,7 @@ set -u
 . "$(dirname "$0")/e2e-lib.sh"
 e2e_init enforce tshark isc-dhcp-client iputils-ping python3-scapy
 SRV=10.77.0.1 STATIC=10.77.0.200 ROGUE_MAC=02:00:00:00:00:66
-lab_v4
-cp "$NL_TMP/dhcpsnoop.conf" "$NL_TMP/open.conf"
-printf '%s\n' "ipsg swc items 0xf0" "dai swc items 0xf0" "dai swr items 0xf0" >>"$NL_TMP/dhcpsnoop.conf"
-ds_start sw "$NL_TMP/dhcpsnoop.conf" "$SOCK" "$NL_TMP/dhcpsnoopd.log" 0 0 1 1 0 || exit 1
-NL_QUIET=1 lab_snoop "$SOCK" circ rem || nl_die "configuring the daemon failed"
+v4_lab $'ipsg swc items 0xf0\ndai swc items 0xf0\ndai swr items 0xf0' 0 0 1 1 0
 v4_server
 cap_start cl eth0 "$NL_TMP/client.pcap" || exit 1; CAP_CL=$CAP_PID
 dhclient_start cl eth0 "$REC"

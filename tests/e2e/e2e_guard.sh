@@ -8,7 +8,7 @@ set -u
 e2e_init guard isc-dhcp-client python3-scapy util-linux
 SPOOF_MAC=02:00:00:00:00:66
 # a binding pool of 64, so that each port's share is 8; the source-guard hook
-v4_lab 0xc0 0 64 1 0 0
+v4_lab "ipsg swc items 0xc0" 0 64 1 0 0
 
 nl_section "the socket and the settings"
 check_eq "socket mode and owner, binding guard on by default, a port's share of the pool" "660 root root True 8" \

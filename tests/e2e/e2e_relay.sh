@@ -26,7 +26,6 @@ lease_wait
 check "the client leased $ip from the relayed range" in_net "$ip" 192.168.50.0/24
 check_eq "lease time, server identifier" "600 $SERVER" "$(rec_get "$REC" lease) $(rec_get "$REC" server)"
 check_eq "binding: MAC, port, VLAN, lease, type, state" "$CLIENT_MAC swc 1 600 dynamic bound" "$(binding_of "$SOCK" "$ip")"
-check "dnsmasq saw relayed requests" grep -q "$RELAY" "$NL_TMP/server.log"
 caps_stop
 
 mine="m['op'] == 1 and m['chaddr'] == '$CLIENT_MAC'"

@@ -19,8 +19,8 @@ cmake -S "$src" -B "$tmp/build" -DCMAKE_INSTALL_PREFIX=/usr -DDHCPSNOOP_TESTS=OF
   cmake --build "$tmp/build" -j "$(nproc)" >>"$tmp/cmake.log" 2>&1 &&
   (cd "$tmp/build" && cpack -G DEB >>"$tmp/cmake.log" 2>&1) || { tail -n 30 "$tmp/cmake.log"; exit 1; }
 deb=$(ls "$tmp"/build/dhcpsnoop_*.deb)
-dpkg-deb -f "$deb" Package Depends
-check "it depends on libnftables1 (what the daemon links)" grep -q libnftables1 <<<"$(dpkg-deb -f "$deb" Depends)"
+depends=$(dpkg-deb -f "$deb" Depends)
+check "it depends on libnftables1, what the daemon links ($depends)" grep -q libnftables1 <<<"$depends"
 check_eq "it carries the daemon, front end, unit, conffile, man pages and completion" 8 \
   "$(dpkg-deb -c "$deb" | awk '{print $6}' | grep -cxE '\./usr/(sbin/dhcpsnoopd|bin/dhcpsnoopctl|lib/systemd/system/dhcpsnoopd\.service|share/man/man8/dhcpsnoop(d|ctl)\.8\.gz|share/man/man5/dhcpsnoop\.conf\.5\.gz|share/bash-completion/completions/dhcpsnoopctl)|\./etc/dhcpsnoop\.conf')"
 check "the configuration is a conffile" grep -qx /etc/dhcpsnoop.conf <<<"$(dpkg-deb -I "$deb" conffiles)"
@@ -30,7 +30,6 @@ root=$tmp/root
 mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
 touch "$root/var/lib/dpkg/status"
 check "dpkg unpacks it into a scratch root" dpkg --root="$root" --force-depends --force-not-root --unpack "$deb"
-check_eq "dpkg knows it there" "install ok unpacked" "$(dpkg-query --admindir="$root/var/lib/dpkg" -W -f '${Status}' dhcpsnoop)"
 unit=$root/usr/lib/systemd/system/dhcpsnoopd.service
 check_eq "the unit runs the package's daemon with the installed configuration" 2 \
   "$(grep -cx -e "ExecStart=/usr/sbin/dhcpsnoopd 0 0 1 1 0" -e "Environment=DHCPSNOOP_CONFIG=/etc/dhcpsnoop.conf" "$unit")"
