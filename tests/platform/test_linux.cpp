@@ -55,8 +55,8 @@ TEST(LinuxConfig, ReadsEveryStatement)
                          c.socketGid),
               std::tuple("master", "/run/peer.sock", "sw-7", "/tmp/hw", false, false, 0u));
     ASSERT_EQ(c.ipsg.size() + c.dai.size(), 2u);
-    EXPECT_EQ(std::tuple(c.ipsg[0].port, c.ipsg[0].vlan, c.ipsg[0].items, c.dai[0].port,
-                         c.dai[0].vlan, c.dai[0].items),
+    EXPECT_EQ(std::tuple(c.ipsg[0].port, c.ipsg[0].vlan, c.ipsg[0].items, c.dai[0].port, c.dai[0].vlan,
+                         c.dai[0].items),
               std::tuple("swp1", 0, 0xC0, "", 20, 0xF0));
     EXPECT_TRUE(LinuxConfig().bindingGuard);
 }
@@ -86,8 +86,7 @@ TEST(LinuxConfig, RefusesWhatItCannotMeanAndSaysWhere)
         {"port swp1\nipsg swp1 items 0x80\ndai swp9 items 0x80\nport swp9x",
          "line 3: dai on swp9, which is not a declared port"},
         {"\nhardware-state /nonexistent-dir/sub/hw",
-         "line 2: hardware-state /nonexistent-dir/sub/hw cannot be written: No such file or "
-         "directory"},
+         "line 2: hardware-state /nonexistent-dir/sub/hw cannot be written: No such file or directory"},
         {"binding-guard yes", "line 1: binding-guard is on or off"},
         {"socket-group no-such-group-here", "line 1: no group no-such-group-here"},
     };
@@ -107,13 +106,10 @@ TEST(LinuxArgs, PoolSizesAndSwitchesAreCheckedNotWrapped)
     } cases[] = {
         {{}, nullptr},
         {{"0", "65535", "1", "0", "1"}, nullptr},
-        {{"0", "65536"},
-         "argument 2 (the binding pool size) must be a number from 0 to 65535, not '65536'"},
+        {{"0", "65536"}, "argument 2 (the binding pool size) must be a number from 0 to 65535, not '65536'"},
         {{"0", "0", "2"}, "argument 3 (the source-guard switch) must be 0 or 1, not '2'"},
-        {{"0", "0", "0", "abc"},
-         "argument 4 (the ARP-inspection switch) must be 0 or 1, not 'abc'"},
-        {{"0x10"},
-         "argument 1 (the interface pool size) must be a number from 0 to 65535, not '0x10'"},
+        {{"0", "0", "0", "abc"}, "argument 4 (the ARP-inspection switch) must be 0 or 1, not 'abc'"},
+        {{"0x10"}, "argument 1 (the interface pool size) must be a number from 0 to 65535, not '0x10'"},
         {{"0", "0", "0", "0", "0", "0"}, "at most five arguments"},
     };
     for (auto &c : cases) {
@@ -180,8 +176,7 @@ TEST(LinuxFrames, TagsAndVlansAsTheSwitchWouldReportThem)
     /* a frame that would not fit with its tag keeps its length */
     Bytes full(2048, 0);
     LinuxRxInfo info;
-    EXPECT_EQ(linux_adapt_frame(full.data(), 2048, 2048, true, 5, 0, false, 1, 1, 0x8100, info),
-              2048u);
+    EXPECT_EQ(linux_adapt_frame(full.data(), 2048, 2048, true, 5, 0, false, 1, 1, 0x8100, info), 2048u);
 }
 
 TEST(LinuxFrames, ChecksumsLeftToTheHardwareAreCompleted)
@@ -246,7 +241,6 @@ TEST(LinuxFrames, ReceiveFilterFindsDhcpBehindTagsIpOptionsAndExtensionHeaders)
     Bytes hbhThenDst = {60, 0, 1, 4, 0, 0, 0, 0, 17, 1, 1, 12};
     hbhThenDst.resize(24);
     const Bytes qinq = v4([](Dhcp4Frame &f) { f.vlans = {30, 40}; });
-    const Bytes three = v4([](Dhcp4Frame &f) { f.vlans = {1, 2, 3}; });
     struct Case {
         const char *what;
         bool v6;
@@ -257,7 +251,7 @@ TEST(LinuxFrames, ReceiveFilterFindsDhcpBehindTagsIpOptionsAndExtensionHeaders)
         {"IPv4 options (router alert)", false, v4([](Dhcp4Frame &f) { f.ihl = 6; }), true},
         {"one 802.1Q tag", false, v4([](Dhcp4Frame &f) { f.vlans = {30}; }), true},
         {"two tags, 0x9100 outside", false, outer(qinq, 0x9100), true},
-        {"three tags", false, three, false},
+        {"three tags", false, v4([](Dhcp4Frame &f) { f.vlans = {1, 2, 3}; }), false},
         {"an unknown outer TPID", false, outer(qinq, 0x9200), false},
         {"other UDP ports", false, v4([](Dhcp4Frame &f) { f.sport = f.dport = 53; }), false},
         {"not UDP", false, v4([](Dhcp4Frame &f) { f.ipProto = 6; }), false},
@@ -351,8 +345,7 @@ TEST(LinuxHardwareState, OneLinePerRecordUpdatedInPlaceAndSlotsReused)
     auto v6 = hw_record(9, 0x80);
     v6[16] = 0x20, v6[17] = 0x01, v6[18] = 0x0d, v6[19] = 0xb8, v6[39] = 0x80;
     linux_hw_state_update(9, ADD, v6.data());
-    EXPECT_EQ(state_lines(path),
-              std::vector<std::string>{"9 2001:db8:: 02:00:00:00:00:09 10 ipsg"});
+    EXPECT_EQ(state_lines(path), std::vector<std::string>{"9 2001:db8:: 02:00:00:00:00:09 10 ipsg"});
     linux_hw_state_update(9, DEL, v6.data());
     for (uint8_t b : {5, 6, 7})
         linux_hw_state_update(9, ADD, hw_record(b, 0x80).data());
