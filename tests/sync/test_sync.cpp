@@ -226,7 +226,6 @@ TEST_F(SyncTest, LengthsNeverLeadPastTheBuffer)
     } cases[] = {
         {"cut inside a user record", Bytes(user.begin(), user.begin() + 40), false, false},
         {"cut inside a header", cat({srv, {2, 1}}), false, true},
-        {"three bytes only", {1, 1, 56}, false, false},
         {"short length, applied from the bytes that follow", cat({shortUser, srv, Bytes(32, 0)}),
          true, true},
         {"short length, record runs past the end", cat({shortUser, srv}), false, true},
@@ -234,7 +233,6 @@ TEST_F(SyncTest, LengthsNeverLeadPastTheBuffer)
         {"long length hides what follows", cat({longUser, srv}), true, false},
         {"unknown types are skipped by their length", cat({unknown, {9, 1, 0, 0}, srv}), false,
          true},
-        {"zero length", {}, false, false},
     };
     for (auto &c : cases) {
         SCOPED_TRACE(c.what);
