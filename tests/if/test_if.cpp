@@ -1,7 +1,7 @@
 /* Interface table: order, capacity, enable/disable, versions and traps. */
 #include <cstring>
 
-#include "daemon_fixture.h"
+#include "binding_helpers.h"
 
 namespace {
 
@@ -45,6 +45,16 @@ TEST_F(IfTest, OrderCapacityAndRefusedTraps)
     EXPECT_EQ(dhcpsnoop_if_enable(9), 77u);
     EXPECT_EQ(dhcpsnoop_if_lookup(9), nullptr);
     EXPECT_EQ(list_order(gDhcpsnoop.ifFreeList).size(), 1u);
+
+    /* disabling takes a static binding's rules out of the hardware and keeps the binding */
+    gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
+    model().ipsg[30] = {0, 1, DHCPSNOOP_CHECK_IP};
+    DhcpsnoopUser *u = make_user(v4key(10, 0, 0, 9), DHCPSNOOP_USER_STATIC, 30, 1);
+    dhcpsnoop_user_update_hw(u, 1);
+    ASSERT_EQ(u->hwFlags, DHCPSNOOP_HW_IPSG);
+    EXPECT_EQ(dhcpsnoop_if_disable(dhcpsnoop_if_lookup(30)), 0u);
+    EXPECT_EQ(std::tuple(u->hwFlags, dhcpsnoop_user_lookup(dhcpsnoop_user_key(u))),
+              std::tuple(0, u));
 }
 
 TEST_F(IfTest, StateNotifyResults)
