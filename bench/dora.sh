@@ -98,7 +98,9 @@ EOF
       bg_ns fwd-sw "$NL_TMP/forwarder.log" "$FORWARDER" swc sws
       SW_PID_fwd=$NL_LAST_PID ;;
     snoop)
-      ds_config "$NL_TMP/dhcpsnoop.conf" "port swc pvid 1" "port sws pvid 1" \
+      # perfdhcp's thousands of clients all sit behind swc: the port may hold
+      # the whole pool, not the eighth a port gets by default
+      ds_config "$NL_TMP/dhcpsnoop.conf" "port swc pvid 1 max-users 65535" "port sws pvid 1" \
         "hostname bench" "hardware-state $NL_TMP/hardware"
       ds_start snoop-sw "$NL_TMP/dhcpsnoop.conf" "$NL_TMP/ctl.sock" "$NL_TMP/daemon.log" 8 65535 \
         >/dev/null || nl_die "dhcpsnoopd did not start"
